@@ -1,0 +1,369 @@
+// Eye blocks run on the worker: notifications, and what each kind does to the eyes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "EyeControl.h"
+#include "EyeControlReset.h"
+#include "EyeEvent.h"
+#include "EyeTestSupport.h"
+#include "LcdControl.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class Recorder : public EyeEventListener {
+ public:
+  enum Kind { START, COMPLETE, ABORT };
+  struct Event {
+    Kind kind;
+    unsigned short id;
+    bool operator==(const Event& o) const { return kind == o.kind && id == o.id; }
+  };
+
+  void onEyeStart(unsigned short id) override { add({START, id}); }
+  void onEyeComplete(unsigned short id) override { add({COMPLETE, id}); }
+  void onEyeAbort(unsigned short id) override { add({ABORT, id}); }
+
+  std::vector<Event> events() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+  bool waitForCount(size_t n, std::chrono::milliseconds limit = 5000ms) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return events_.size() >= n; });
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.clear();
+  }
+
+ private:
+  void add(Event e) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(e);
+    changed_.notify_all();
+  }
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Event> events_;
+};
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5000ms) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// Never leaves a worker behind for the next test, nor hangs on one that cannot end.
+void stopWorker() {
+  if (EyeControl::active_type == BLOCK_EYE_ANIMATION)
+    if (auto animation = std::atomic_load(&EyeControl::active_animation))
+      animation->state = AnimationState::ABORTING;
+  if (!waitUntil([] { return !EyeControl::isAnimating(); })) {
+    ADD_FAILURE() << "the worker did not end";
+    EyeControl::is_processing = false;
+  }
+}
+
+// Puts the eye somewhere a position block never leaves it: scaled, lids half shut.
+void wireEye(Eyes& eye, short x, short y) {
+  eye.iris = eye.isLeft ? &EyeControl::default_iris.left : &EyeControl::default_iris.right;
+  eye.background =
+      eye.isLeft ? &EyeControl::default_background.left : &EyeControl::default_background.right;
+  eye.lidImages = &EyeControl::lid_images;
+  eye.topLid = eye.bottomLid = &EyeControl::lid_images[0].content;
+  eye.topLidColor = eye.bottomLidColor = EyeControl::lid_images[0].color;
+  eye.offsetX = eye.offsetY = 0;
+  eye.irisSeq = eye.topLidSeq = eye.bottomLidSeq = eye.backgroundSeq = SequenceState{};
+  eye.irisX = x;
+  eye.irisY = y;
+  eye.scaleX = eye.scaleY = 2.0f;
+  eye.topLidY = 30;
+  eye.bottomLidY = 200;
+  eye.topLidIndex = eye.bottomLidIndex = 0;
+}
+
+std::shared_ptr<BlockEye> positionBlock(EyeSide side, std::vector<EyePosition> positions) {
+  auto block = std::make_shared<BlockEye>(BLOCK_EYE_POSITION);
+  block->side = side;
+  block->positions = std::move(positions);
+  return block;
+}
+
+class EyeBlockTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { ASSERT_EQ(LcdControl::init(LCD_COLOR_DEPTH_12BIT), 0); }
+
+  void SetUp() override {
+    ASSERT_FALSE(EyeControl::is_processing) << "a previous test left a worker running";
+    eyetest::resetEyeControl();
+
+    irisLeft_ = dir_.str() + "iris_l.png";
+    irisRight_ = dir_.str() + "iris_r.png";
+    std::vector<uint8_t> pixels(20 * 10 * 4, 255);
+    ASSERT_TRUE(VContent::writePng(irisLeft_, 20, 10, pixels.data(), true));
+    ASSERT_TRUE(VContent::writePng(irisRight_, 10, 20, pixels.data(), true));
+    EyeControl::iris_types.assign(1, IrisType{});
+    EyeControl::iris_types[0].shape = IrisShape::CLASSIC;
+    EyeControl::iris_types[0].irises.push_back(Iris{0, 0, irisLeft_, irisRight_, "BLUE"});
+    EyeControl::background_types.assign(1, BackgroundType{});
+    EyeControl::background_types[0].type = EyeContentType::COLOR;
+
+    for (VContent* image : {&EyeControl::default_iris.left, &EyeControl::default_iris.right})
+      image->AddFrame("", 40, 40, true, true, 0, 0, 255, 255);
+    for (VContent* image :
+         {&EyeControl::default_background.left, &EyeControl::default_background.right})
+      image->AddFrame("", 240, 240, false, true, 255, 255, 255, 255);
+    EyeControl::lid_images.resize(1);
+    EyeControl::lid_images[0].content.AddFrame("", 240, 40, true, true, 200, 0, 0, 255);
+    EyeControl::lid_images[0].color[3] = 255;
+
+    wireEye(EyeControl::Left_Eye, 100, 140);
+    wireEye(EyeControl::Right_Eye, 140, 140);
+    LcdControl::resetCounters();
+    EyeEvent::AddListener(&recorder_, false);
+  }
+
+  void TearDown() override {
+    stopWorker();
+    EyeEvent::RemoveListener(&recorder_);
+  }
+
+  // Runs the block through the worker and waits for its start and completion.
+  std::vector<Recorder::Event> run(const std::shared_ptr<BlockEye>& block) {
+    recorder_.clear();
+    EXPECT_EQ(EyeControl::ProcessEyeBlock(block), 0);
+    EXPECT_TRUE(recorder_.waitForCount(2));
+    EXPECT_TRUE(waitUntil([] { return !EyeControl::isAnimating(); }));
+    return recorder_.events();
+  }
+
+  static std::vector<Recorder::Event> startAndComplete(unsigned short id) {
+    return {{Recorder::START, id}, {Recorder::COMPLETE, id}};
+  }
+
+  static void expectAt(const Eyes& eye, short x, short y) {
+    EXPECT_EQ(eye.getIrisX(), x);
+    EXPECT_EQ(eye.getIrisY(), y);
+  }
+
+  eyetest::TempDir dir_;
+  std::string irisLeft_;
+  std::string irisRight_;
+  Recorder recorder_;
+};
+
+TEST_F(EyeBlockTest, PositionBlocksOnBothEyes) {
+  Eyes& left = EyeControl::Left_Eye;
+  Eyes& right = EyeControl::Right_Eye;
+
+  // One BOTH record moves both eyes, at scale 1 with open lids, unchecked range.
+  auto block = positionBlock(EyeSide::BOTH, {{EyeSide::BOTH, 0, 300, -20}});
+  const unsigned short id = block->id();
+  EXPECT_EQ(run(block), startAndComplete(id));
+  expectAt(left, 300, -20);
+  expectAt(right, 300, -20);
+  for (const Eyes* eye : {&left, &right}) {
+    EXPECT_EQ(eye->getScaleX(), 1.0f);
+    EXPECT_EQ(eye->getScaleY(), 1.0f);
+    EXPECT_EQ(eye->getTopLidY(), 0);
+    EXPECT_EQ(eye->getBottomLidY(), 240);
+  }
+  EXPECT_EQ(LcdControl::framesWritten(0), 1u);
+  EXPECT_EQ(LcdControl::framesWritten(1), 1u);
+  EXPECT_EQ(EyeControl::active_type, BLOCK_EYE_POSITION);
+
+  // Two records by their own sides; a third is never used.
+  block = positionBlock(
+      EyeSide::BOTH,
+      {{EyeSide::LEFT, 0, 10, 0}, {EyeSide::RIGHT, 0, -10, 0}, {EyeSide::LEFT, 0, 99, 99}});
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  expectAt(left, 10, 0);
+  expectAt(right, -10, 0);
+
+  // A first record of no known side is skipped; the second still applies.
+  block = positionBlock(EyeSide::BOTH,
+                        {{static_cast<EyeSide>(7), 0, 55, 55}, {EyeSide::LEFT, 0, 12, 13}});
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  expectAt(left, 12, 13);
+  expectAt(right, -10, 0);
+
+  // A BOTH record met second is skipped.
+  block = positionBlock(EyeSide::BOTH, {{EyeSide::RIGHT, 0, 1, 2}, {EyeSide::BOTH, 0, 77, 77}});
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  expectAt(left, 12, 13);
+  expectAt(right, 1, 2);
+}
+
+TEST_F(EyeBlockTest, PositionBlocksOnOneEyeUseTheFirstRecord) {
+  Eyes& left = EyeControl::Left_Eye;
+  Eyes& right = EyeControl::Right_Eye;
+
+  auto block =
+      positionBlock(EyeSide::LEFT, {{EyeSide::RIGHT, 0, 50, 60}, {EyeSide::LEFT, 0, 1, 1}});
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  expectAt(left, 50, 60);
+  expectAt(right, 140, 140);
+  EXPECT_EQ(LcdControl::framesWritten(1), 0u);
+
+  block = positionBlock(EyeSide::RIGHT, {{EyeSide::LEFT, 0, 70, 80}});
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  expectAt(left, 50, 60);
+  expectAt(right, 70, 80);
+
+  // Nothing to apply, or no eye addressed: still completes, draws nothing.
+  LcdControl::resetCounters();
+  for (auto empty : {positionBlock(EyeSide::BOTH, {}), positionBlock(EyeSide::LEFT, {}),
+                     positionBlock(static_cast<EyeSide>(3), {{EyeSide::BOTH, 0, 5, 5}})}) {
+    EXPECT_EQ(run(empty), startAndComplete(empty->id()));
+  }
+  EXPECT_EQ(LcdControl::framesWritten(0) + LcdControl::framesWritten(1), 0u);
+  expectAt(left, 50, 60);
+}
+
+TEST_F(EyeBlockTest, TypeBlockLoadsTheIrisOrBlanksIt) {
+  eyetest::LogCapture log;
+  auto block = std::make_shared<BlockEye>(BLOCK_EYE_TYPE);
+  block->content = static_cast<uint8_t>(IrisShape::CLASSIC);
+  block->style = "BLUE";
+  block->side = EyeSide::LEFT;
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  EXPECT_EQ(EyeControl::Left_Eye.iris, &EyeControl::default_iris.left);
+  EXPECT_EQ(EyeControl::default_iris.left.path, irisLeft_);
+  EXPECT_EQ(EyeControl::default_iris.left.width, 20);
+  EXPECT_EQ(LcdControl::framesWritten(0), 1u);
+  EXPECT_EQ(LcdControl::framesWritten(1), 0u);
+  EXPECT_TRUE(log.errors().empty());
+
+  // An unknown shape still installs the (empty) part on both eyes.
+  block = std::make_shared<BlockEye>(BLOCK_EYE_TYPE);
+  block->content = static_cast<uint8_t>(IrisShape::SPACE);
+  block->style = "NOPE";
+  block->side = EyeSide::BOTH;
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  EXPECT_EQ(log.errors(),
+            std::vector<std::string>{"EyeControl Type Block getIris failed! Type:2 Style:NOPE"});
+  EXPECT_TRUE(EyeControl::Left_Eye.iris->frames.empty());
+  EXPECT_TRUE(EyeControl::Right_Eye.iris->frames.empty());
+  EXPECT_EQ(LcdControl::framesWritten(1), 1u);
+}
+
+TEST_F(EyeBlockTest, BackgroundBlockPaintsOrBlanks) {
+  eyetest::LogCapture log;
+  auto block = std::make_shared<BlockEye>(BLOCK_EYE_BACKGROUND);
+  block->content = static_cast<uint8_t>(EyeContentType::COLOR);
+  block->style = "RED";
+  block->side = EyeSide::BOTH;
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  const Color red = Color::getColor(ColorCode::RED);
+  for (const Eyes* eye : {&EyeControl::Left_Eye, &EyeControl::Right_Eye}) {
+    ASSERT_FALSE(eye->background->frames.empty());
+    const auto& pixel = eye->background->frames[0];
+    EXPECT_EQ(pixel[0], red.red >> 4);
+    EXPECT_EQ(pixel[1], red.green >> 4);
+    EXPECT_EQ(pixel[2], red.blue >> 4);
+  }
+  EXPECT_TRUE(log.errors().empty());
+
+  // No image backgrounds in the catalogue: logged, and the right eye loses its background.
+  block = std::make_shared<BlockEye>(BLOCK_EYE_BACKGROUND);
+  block->content = static_cast<uint8_t>(EyeContentType::IMAGE);
+  block->style = "sky";
+  block->side = EyeSide::RIGHT;
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  EXPECT_EQ(log.errors(),
+            std::vector<std::string>{
+                "EyeControl Background Block getBackground failed! Type:1 Style:sky"});
+  EXPECT_TRUE(EyeControl::Right_Eye.background->frames.empty());
+  EXPECT_FALSE(EyeControl::Left_Eye.background->frames.empty());
+}
+
+TEST_F(EyeBlockTest, AnimationBlockPlaysItsAnimationUnderTheBlockId) {
+  auto animation = std::make_shared<EyeAnimation>(3, "not in the catalogue");
+  animation->left.events.push_back(moveEvent(60, 70, 40, 0, 1.0f, 1.0f, 40.0, 0, 240, 0, 0, 0, 0));
+  auto block = std::make_shared<BlockEye>(BLOCK_EYE_ANIMATION);
+  block->animation = animation;
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
+  EXPECT_EQ(EyeControl::active_type, BLOCK_EYE_ANIMATION);
+  EXPECT_EQ(EyeControl::active_animation, nullptr);
+  EXPECT_EQ(animation->state, AnimationState::COMPLETED);
+  EXPECT_EQ(EyeControl::Left_Eye.getIrisX(), 60);
+}
+
+TEST_F(EyeBlockTest, BlockAbortsARunningAnimationAndReleasesIt) {
+  EyeControl::eye_animations.push_back(std::make_shared<EyeAnimation>(1, "stare"));
+  auto& stare = EyeControl::eye_animations[0];
+  stare->left.events.push_back(moveEvent(60, 70, 40, 5000, 1.0f, 1.0f, 40.0, 0, 240, 0, 0, 0, 0));
+
+  ASSERT_EQ(EyeControl::setAnimation(21, "stare"), 0);
+  ASSERT_TRUE(waitUntil([&] { return stare->state == AnimationState::PLAYING; }));
+  auto block = positionBlock(EyeSide::LEFT, {{EyeSide::LEFT, 0, 5, 6}});
+  const unsigned short id = block->id();
+  ASSERT_EQ(EyeControl::ProcessEyeBlock(block), 0);
+  ASSERT_TRUE(recorder_.waitForCount(3));
+  // The abort may still be on its way when the block starts.
+  auto events = recorder_.events();
+  EXPECT_EQ(std::count(events.begin(), events.end(), Recorder::Event{Recorder::ABORT, 21}), 1);
+  EXPECT_EQ(events.back(), (Recorder::Event{Recorder::COMPLETE, id}));
+  expectAt(EyeControl::Left_Eye, 5, 6);
+
+  // A block of another kind drops an animation left in active_animation.
+  EyeControl::active_animation = stare;
+  block = positionBlock(EyeSide::LEFT, {{EyeSide::LEFT, 0, 7, 8}});
+  run(block);
+  EXPECT_EQ(EyeControl::active_animation, nullptr);
+}
+
+TEST_F(EyeBlockTest, BlocksThatNeverComplete) {
+  // Not an eye kind: started, never completed, the worker flag stays set.
+  auto sound = std::make_shared<BlockEye>(BLOCK_SOUND);
+  const unsigned short id = sound->id();
+  ASSERT_EQ(EyeControl::ProcessEyeBlock(sound), 0);
+  ASSERT_TRUE(recorder_.waitForCount(1));
+  EXPECT_EQ(EyeControl::active_type, BLOCK_SOUND);
+
+  // Abort only waits for such work: it asks no animation to stop.
+  auto idle = std::make_shared<EyeAnimation>(2, "idle");
+  EyeControl::active_animation = idle;
+  std::atomic<bool> returned{false};
+  std::thread aborter([&] {
+    EyeControl::Abort();
+    returned = true;
+  });
+  std::this_thread::sleep_for(20ms);
+  EXPECT_FALSE(returned);
+  EXPECT_TRUE(EyeControl::isAnimating());
+  EXPECT_EQ(idle->state, AnimationState::IDLE);
+  EXPECT_EQ(recorder_.events(), (std::vector<Recorder::Event>{{Recorder::START, id}}));
+  EyeControl::is_processing = false;
+  aborter.join();
+  EXPECT_TRUE(returned);
+  EyeControl::active_animation.reset();
+
+  // An animation block with no animation while none is active: nothing to play.
+  recorder_.clear();
+  auto empty = std::make_shared<BlockEye>(BLOCK_EYE_ANIMATION);
+  const unsigned short emptyId = empty->id();
+  ASSERT_EQ(EyeControl::ProcessEyeBlock(empty), 0);
+  ASSERT_TRUE(recorder_.waitForCount(1));
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(recorder_.events(), (std::vector<Recorder::Event>{{Recorder::START, emptyId}}));
+  EXPECT_TRUE(EyeControl::isAnimating());
+  EyeControl::is_processing = false;
+}
+
+}  // namespace
