@@ -336,7 +336,9 @@ bool VContent::writePng(const std::string& path, uint32_t width, uint32_t height
     spdlog::error("VContent: cannot write {}: no {} x {} image", path, width, height);
     return false;
   }
-  const std::string file = resolvePath(path);
+  // Written where the caller says: the base directory is for reading catalogue images,
+  // and output (LCD frames, drawn assets) must not land in the configuration directory.
+  const std::string& file = path;
   bool written = false;
   {
     FileCloser fc;

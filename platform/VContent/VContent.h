@@ -7,8 +7,9 @@
 // With `twelveBit` the colour channels hold 4-bit values (the 8-bit value >> 4);
 // alpha always stays 8-bit.
 //
-// Relative paths are resolved against the base directory (setBaseDirectory) when a
-// file is opened; `path` keeps the text exactly as given.
+// Relative paths of images to read are resolved against the base directory
+// (setBaseDirectory) when a file is opened; `path` keeps the text exactly as given.
+// writePng writes to the path as given.
 //
 // Image sequences (animated eyelids). `path` names either
 //   - a directory: every "*.png" file in it is one frame, in file-name order
