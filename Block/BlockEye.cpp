@@ -1,1 +1,7 @@
-// placeholder
+#include "BlockEye.h"
+
+#include "EyeAnimation.h"
+
+BlockEye::BlockEye(BlockType type) : Block(type) {}
+
+BlockEye::~BlockEye() = default;

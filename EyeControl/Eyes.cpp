@@ -1,1 +1,377 @@
-// placeholder
+#include "Eyes.h"
+
+#include <time.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+#include <limits>
+
+#include "LcdControl.h"
+
+EyeLidPart::EyeLidPart() = default;
+
+EyeLidPart::EyeLidPart(const EyeLidPart& other)
+    : name(other.name), id(other.id), content(other.content) {
+  std::memcpy(color, other.color, sizeof color);
+}
+
+// The image has no move of its own: only the name is moved, the rest copied.
+EyeLidPart::EyeLidPart(EyeLidPart&& other) noexcept
+    : name(std::move(other.name)), id(other.id), content(other.content) {
+  std::memcpy(color, other.color, sizeof color);
+}
+
+EyeLidPart& EyeLidPart::operator=(const EyeLidPart& other) {
+  if (this != &other) {
+    name = other.name;
+    id = other.id;
+    content = other.content;
+    std::memcpy(color, other.color, sizeof color);
+  }
+  return *this;
+}
+
+EyeLidPart::~EyeLidPart() = default;
+
+namespace {
+
+constexpr int kSize = Eyes::kSize;
+constexpr size_t kBackgroundBytes = static_cast<size_t>(kSize) * kSize * 3;
+
+// One millisecond, slept to the end even when a signal interrupts it.
+void sleepOneMs() {
+  timespec request{0, 1000000};
+  timespec remaining{};
+  while (nanosleep(&request, &remaining) == -1 && errno == EINTR) request = remaining;
+}
+
+// The frame shown now, or null when the image has none to show.
+const std::vector<uint8_t>* currentFrame(const VContent* image) {
+  if (image == nullptr || image->frameIndex >= image->frames.size()) return nullptr;
+  return &image->frames[image->frameIndex];
+}
+
+// Float to int, truncating toward zero; values beyond int (and NaN) are pinned so the
+// conversion is always defined. Only absurd scales ever reach the limits.
+int truncateToInt(float value) {
+  if (std::isnan(value)) return 0;
+  if (value >= 2147483520.0f) return std::numeric_limits<int>::max();
+  if (value <= -2147483648.0f) return std::numeric_limits<int>::min();
+  return static_cast<int>(value);
+}
+
+// Bilinear sample of a 4-byte-per-pixel image. Neighbours are read at their literal
+// offsets; an offset that would fall outside the `size` bytes of `src` is pinned to
+// the nearest pixel inside (such a neighbour always carries weight 0 for a
+// well-formed image, so only the read is changed, never a result).
+void sampleBilinear(unsigned char* out, const unsigned char* src, size_t size, float ratioX,
+                    float ratioY, short col, short row, int width) {
+  const float fx = static_cast<float>(col) * ratioX;
+  const float fy = static_cast<float>(row) * ratioY;
+  const short ix = static_cast<short>(truncateToInt(fx));
+  const short iy = static_cast<short>(truncateToInt(fy));
+  const float dx = fx - static_cast<float>(ix);
+  const float dy = fy - static_cast<float>(iy);
+
+  const long long lastPixel = static_cast<long long>(size / 4) - 1;
+  auto at = [&](long long px, long long py) {
+    long long index = py * width + px;
+    if (index > lastPixel) index = lastPixel;
+    if (index < 0) index = 0;
+    return src + index * 4;
+  };
+  const unsigned char* a = at(ix, iy);
+  const unsigned char* b = at(ix + 1, iy);
+  const unsigned char* c = at(ix, iy + 1);
+  const unsigned char* d = at(ix + 1, iy + 1);
+
+  const float ndx = 1.0f - dx;
+  const float ndy = 1.0f - dy;
+  for (int k = 0; k < 4; ++k) {
+    // Written out term by term, summed left to right, so the rounding is fixed.
+    const float value = static_cast<float>(a[k]) * ndx * ndy + static_cast<float>(b[k]) * dx * ndy +
+                        static_cast<float>(c[k]) * ndx * dy + static_cast<float>(d[k]) * dx * dy;
+    out[k] = static_cast<unsigned char>(value);  // truncated, not rounded
+  }
+}
+
+// Blends a lid colour (4 bytes) over the pixel's colour bytes.
+void blendOver(unsigned char* pixel, const unsigned char* lidColour) {
+  unsigned char sample[4];
+  std::memcpy(sample, lidColour, 4);
+  Eyes::removeAlpha_AddBackground(sample, pixel);
+  std::memcpy(pixel, sample, 3);
+}
+
+// The lid image's pixel in `row` of the lid at column x, or null when there is none
+// to read there: no image, no frame, a frame shorter than its rows of 240 pixels, or
+// a row outside the image. The fill colour is painted instead.
+const unsigned char* lidPixel(const VContent* lid, int row, unsigned char x) {
+  const std::vector<uint8_t>* frame = currentFrame(lid);
+  if (frame == nullptr) return nullptr;
+  const size_t stride = static_cast<size_t>(kSize) * 4;
+  if (frame->size() < stride * lid->height) return nullptr;
+  if (row < 0) return nullptr;
+  const size_t offset = (x + static_cast<size_t>(row) * kSize) * 4;
+  if (offset + 4 > frame->size()) return nullptr;
+  return frame->data() + offset;
+}
+
+// One tick of an image sequence while an animation plays.
+void advanceSequence(VContent* image, SequenceState& state) {
+  if (image == nullptr) return;
+  const int n = static_cast<int>(image->frames.size());
+  const int i = image->frameIndex;
+  if (i < n - 1) {
+    if (image->ratio <= state.tick) {
+      image->frameIndex = static_cast<uint16_t>(i + 1);
+      state.tick = 1;
+    } else {
+      ++state.tick;
+    }
+  } else if (n != 1) {
+    const int loops = image->loop;
+    if (loops == 0 || loops - 1 > state.loopsDone) {
+      ++state.loopsDone;
+      image->frameIndex = 0;
+      state.tick = 1;
+    }
+  }
+}
+
+void restartSequence(SequenceState& state) {
+  state = SequenceState{};
+}
+
+}  // namespace
+
+Eyes::Eyes(bool isLeft, short irisX, short irisY) : isLeft(isLeft), irisX(irisX), irisY(irisY) {}
+
+void Eyes::SetLidIndex(unsigned short index, bool top) {
+  if (top) {
+    topLidIndex = index;
+    restartSequence(topLidSeq);
+  } else {
+    bottomLidIndex = index;
+    restartSequence(bottomLidSeq);
+  }
+}
+
+int8_t Eyes::set_Frame_12Bit(float scaleX, float scaleY, int x, int y, short topLidY,
+                             short bottomLidY) {
+  // Load then store, not an exchange: the common case of one caller at a time is
+  // all this guards.
+  while (busy.load()) sleepOneMs();
+  busy.store(true);
+
+  irisX = static_cast<short>(x);
+  irisY = static_cast<short>(y);
+  // 64-bit so that no position or scale, however far off the panel, can overflow.
+  const long long centreX =
+      isLeft ? static_cast<long long>(x) - offsetX : static_cast<long long>(x) + offsetX;
+  const long long centreY = static_cast<long long>(y) + offsetY;
+  this->topLidY = topLidY;
+  this->bottomLidY = bottomLidY;
+  this->scaleX = scaleX;
+  this->scaleY = scaleY;
+
+  const std::vector<uint8_t>* irisFrame = currentFrame(iris);
+  const int irisW = iris != nullptr ? iris->width : 0;
+  const int irisH = iris != nullptr ? iris->height : 0;
+  const int scaledW = truncateToInt(static_cast<float>(irisW) * scaleX);
+  const int scaledH = truncateToInt(static_cast<float>(irisH) * scaleY);
+  // An iris that cannot be read whole is not drawn at all.
+  const bool irisShown = irisFrame != nullptr && irisW > 0 && irisH > 0 && scaledW > 0 &&
+                         scaledH > 0 && irisFrame->size() >= static_cast<size_t>(irisW) * irisH * 4;
+  const float ratioX = irisShown ? static_cast<float>(irisW - 1) / static_cast<float>(scaledW) : 0;
+  const float ratioY = irisShown ? static_cast<float>(irisH - 1) / static_cast<float>(scaledH) : 0;
+  const bool unscaled = irisW == scaledW && irisH == scaledH;
+  const long long left = centreX - scaledW / 2;
+  const long long top = centreY - scaledH / 2;
+  const long long right = left + scaledW;
+  const long long bottom = top + scaledH;
+
+  // A background that cannot be read whole shows black.
+  const std::vector<uint8_t>* backgroundFrame = currentFrame(background);
+  if (backgroundFrame != nullptr && backgroundFrame->size() < kBackgroundBytes)
+    backgroundFrame = nullptr;
+  static const unsigned char kBlack[3] = {0, 0, 0};
+
+  // Source column and row in the scaled iris, 8 bits wide on purpose: an iris larger
+  // than 256 pixels repeats its first 256.
+  uint8_t row = top < 0 ? static_cast<uint8_t>(-top) : 0;
+  const uint8_t firstCol = left < 0 ? static_cast<uint8_t>(-left) : 0;
+  bool irisRowsStarted = false;
+
+  unsigned char out[kFrameBytes];
+  size_t pos = 0;
+  bool half = true;
+
+  for (int py = 0; py < kSize; ++py) {
+    uint8_t col = firstCol;
+    const bool irisRow = irisShown && top <= py && py < bottom;
+    for (int px = 0; px < kSize; ++px) {
+      const size_t bgOffset = (static_cast<size_t>(py) * kSize + px) * 3;
+      unsigned char bg[3];
+      std::memcpy(bg, backgroundFrame != nullptr ? backgroundFrame->data() + bgOffset : kBlack, 3);
+      unsigned char pixel[4];
+      if (irisRow && left <= px && px < right) {
+        if (unscaled) {
+          const size_t offset = (static_cast<size_t>(col) + static_cast<size_t>(row) * scaledW) * 4;
+          std::memcpy(pixel, irisFrame->data() + offset, 4);
+        } else {
+          sampleBilinear(pixel, irisFrame->data(), irisFrame->size(), ratioX, ratioY, col, row,
+                         irisW);
+        }
+        removeAlpha_AddBackground(pixel, bg);
+        ++col;
+        irisRowsStarted = true;
+      } else {
+        std::memcpy(pixel, bg, 3);
+        pixel[3] = 255;
+      }
+      if (topLidY >= 1 && py < topLidY)
+        lid_top_Paint(pixel, topLidY, static_cast<unsigned char>(px),
+                      static_cast<unsigned char>(py));
+      if (bottomLidY <= kSize - 1 && py >= bottomLidY)
+        lid_bottom_Paint(pixel, bottomLidY, static_cast<unsigned char>(px),
+                         static_cast<unsigned char>(py));
+      // The last pixel of a frame always closes a pair, so pos + 1 stays inside.
+      pos += set12bit_pixel(half, pixel[0], pixel[1], pixel[2], out[pos], out[pos + 1]);
+    }
+    if (irisRowsStarted) ++row;
+  }
+
+  LcdData data{};
+  data.lcd = isLeft ? 0 : 1;
+  data.buffer = out;
+  const int8_t result = LcdControl::writeLcd(&data);
+  busy.store(false);
+  return result;
+}
+
+uint8_t Eyes::setAnimationFrame(EyeSideAnimation* side, VContent* irisImage,
+                                VContent* backgroundImage) {
+  if (side == nullptr) return 2;
+  bool redraw = false;
+
+  if (iris != irisImage) {
+    iris = irisImage;
+    if (irisImage != nullptr) irisImage->frameIndex = 0;
+    restartSequence(irisSeq);
+    redraw = true;
+  }
+  if (background != backgroundImage) {
+    background = backgroundImage;
+    if (backgroundImage != nullptr) backgroundImage->frameIndex = 0;
+    restartSequence(backgroundSeq);
+    redraw = true;
+  }
+
+  // Switches one lid to catalogue entry k when k names another lid of the catalogue.
+  auto switchLid = [this, &redraw](short k, VContent*& lid, uint8_t*& colour, unsigned short& index,
+                                   SequenceState& state) {
+    if (lidImages == nullptr || k < 0 || static_cast<size_t>(k) >= lidImages->size() || k == index)
+      return;
+    VContent& image = (*lidImages)[static_cast<size_t>(k)].content;
+    if (!image.isReady()) image.loadSequence();
+    lid = &image;
+    image.frameIndex = 0;
+    restartSequence(state);
+    index = static_cast<unsigned short>(k);
+    colour = lidImages->at(static_cast<size_t>(k)).color;
+    redraw = true;
+  };
+  if (side->current_event < side->events.size()) {
+    const moveEvent& event = side->events[side->current_event];
+    switchLid(event.top_lid_index, topLid, topLidColor, topLidIndex, topLidSeq);
+    switchLid(event.bot_lid_index, bottomLid, bottomLidColor, bottomLidIndex, bottomLidSeq);
+  }
+
+  short xy[2] = {irisX, irisY};
+  float scale[2] = {scaleX, scaleY};
+  short lid[2] = {topLidY, bottomLidY};
+  if (!side->calculateXY(irisX, irisY, xy, scaleX, scaleY, scale, topLidY, bottomLidY, lid)) {
+    side->finished = true;
+    if (topLid != nullptr) topLid->frameIndex = 0;
+    if (bottomLid != nullptr) bottomLid->frameIndex = 0;
+    restartSequence(topLidSeq);
+    restartSequence(bottomLidSeq);
+    return 2;
+  }
+
+  auto moved = [](const VContent* image, const SequenceState& state) {
+    return image != nullptr && image->frameIndex != state.lastFrame;
+  };
+  const bool changed = xy[0] != irisX || xy[1] != irisY || scale[0] != scaleX ||
+                       scale[1] != scaleY || lid[0] != topLidY || lid[1] != bottomLidY ||
+                       moved(topLid, topLidSeq) || moved(bottomLid, bottomLidSeq) ||
+                       moved(background, backgroundSeq) || moved(iris, irisSeq) || redraw;
+  uint8_t result = 0;
+  if (changed) {
+    if (topLid != nullptr) topLidSeq.lastFrame = topLid->frameIndex;
+    if (bottomLid != nullptr) bottomLidSeq.lastFrame = bottomLid->frameIndex;
+    if (background != nullptr) backgroundSeq.lastFrame = background->frameIndex;
+    if (iris != nullptr) irisSeq.lastFrame = iris->frameIndex;
+    set_Frame_12Bit(scale[0], scale[1], xy[0], xy[1], lid[0], lid[1]);
+    result = 1;
+  }
+
+  advanceSequence(topLid, topLidSeq);
+  advanceSequence(bottomLid, bottomLidSeq);
+  advanceSequence(background, backgroundSeq);
+  advanceSequence(iris, irisSeq);
+  return result;
+}
+
+void Eyes::setResizedPixel(unsigned char* out, const unsigned char* src, float ratioX, float ratioY,
+                           short col, short row, int width) {
+  // The caller vouches for the four neighbours; nothing is pinned.
+  sampleBilinear(out, src, std::numeric_limits<size_t>::max() / 8, ratioX, ratioY, col, row, width);
+}
+
+void Eyes::removeAlpha_AddBackground(unsigned char* pixel, unsigned char* background) {
+  if (pixel[3] > kOpaqueAlpha) return;
+  // The weight is worked out in double and then used as a float, as the panels'
+  // reference frames were made.
+  const float a = static_cast<float>(pixel[3] / 255.0);
+  const float na = 1.0f - a;
+  for (int c = 0; c < 3; ++c)
+    pixel[c] = static_cast<unsigned char>(static_cast<float>(pixel[c]) * a +
+                                          static_cast<float>(background[c]) * na + 0.5f);
+}
+
+void Eyes::lid_top_Paint(unsigned char* pixel, short topLidY, unsigned char x, unsigned char y) {
+  const int h = topLid != nullptr ? topLid->height : 0;
+  // The lid image ends just above row topLidY; rows above it take the fill colour.
+  const unsigned char* colour = nullptr;
+  if (topLidY <= y + h) colour = lidPixel(topLid, y - topLidY + h, x);
+  if (colour == nullptr) colour = topLidColor;
+  if (colour != nullptr) blendOver(pixel, colour);
+}
+
+void Eyes::lid_bottom_Paint(unsigned char* pixel, short bottomLidY, unsigned char x,
+                            unsigned char y) {
+  const int h = bottomLid != nullptr ? bottomLid->height : 0;
+  // The lid image starts at row bottomLidY; rows below it take the fill colour.
+  const unsigned char* colour = nullptr;
+  if (y - bottomLidY < h) colour = lidPixel(bottomLid, y - bottomLidY, x);
+  if (colour == nullptr) colour = bottomLidColor;
+  if (colour != nullptr) blendOver(pixel, colour);
+}
+
+uint8_t Eyes::set12bit_pixel(bool& half, unsigned char c0, unsigned char c1, unsigned char c2,
+                             unsigned char& out0, unsigned char& out1) {
+  if (half) {
+    out0 = static_cast<unsigned char>(c1 | (c2 << 4));
+    out1 = static_cast<unsigned char>((c0 & 15) << 4);
+    half = false;
+    return 1;
+  }
+  out0 = static_cast<unsigned char>(out0 | c2);
+  out1 = static_cast<unsigned char>(c0 | (c1 << 4));
+  half = true;
+  return 2;
+}
