@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "St7789.h"
 #include "VContent.h"
 
 int LcdOutput::open() {
@@ -99,8 +100,12 @@ int8_t LcdControl::init(LcdColorDepth depth) {
     output = std::make_unique<MemoryOutput>();
   } else if (choice.rfind("png:", 0) == 0 && choice.size() > 4) {
     output = std::make_unique<PngOutput>(choice.substr(4));
+  } else if (choice == "st7789" || choice.rfind("st7789:", 0) == 0) {
+    output = makeSt7789Output(choice.size() > 7 ? choice.substr(7) : "");
+    if (!output) return -2;  // bad option, logged
   } else {
-    spdlog::error("EYE_LCD=\"{}\" names no LCD output (memory, png:DIR)", choice);
+    spdlog::error("EYE_LCD=\"{}\" names no LCD output (memory, png:DIR, st7789:OPTIONS)",
+                  choice);
     return -2;
   }
   // The output reports why it cannot open. A failed init leaves the previous output.
