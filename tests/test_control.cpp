@@ -268,6 +268,37 @@ TEST_F(ControlTest, DefaultsReloadFromTheSettings) {
             (std::vector<std::string>{"Default iris loaded", "Default background loaded"}));
 }
 
+TEST_F(ControlTest, BundledSetShowsItsDefaultIrisOnAPlainBackground) {
+  const fs::path assets = EYE_ASSETS_DIR;
+  if (!fs::exists(assets / "iris_type.xml")) GTEST_SKIP() << "bundled eye set not built";
+  ASSERT_EQ(EyeControl::initFrom(assets.string(), IrisShape::CLASSIC, "BLUE", EyeContentType::COLOR,
+                                 "SILVER"),
+            0);
+  EXPECT_TRUE(log.errors().empty());
+  const Rgb silver{0xcc, 0xcc, 0xcc};
+  for (uint8_t panel : {0, 1}) {
+    SCOPED_TRACE(panel);
+    const Eyes& eye = panel == 0 ? EyeControl::Left_Eye : EyeControl::Right_Eye;
+    const VContent& iris = *eye.iris;
+    ASSERT_FALSE(iris.frames.empty());
+    const int centreX = panel == 0 ? eye.getIrisX() - eye.offsetX : eye.getIrisX() + eye.offsetX;
+    const int centreY = eye.getIrisY() + eye.offsetY;
+    EXPECT_EQ(centreX, panel == 0 ? 100 : 140);  // classic irises carry no offset
+    // The image's middle pixel lands on the iris centre.
+    const uint8_t* middle =
+        &iris.frames[0][(static_cast<size_t>(iris.height / 2) * iris.width + iris.width / 2) * 4];
+    ASSERT_GT(middle[3], 249);
+    EXPECT_EQ(pixel(panel, centreX, centreY),
+              (Rgb{uint8_t(middle[0] * 17), uint8_t(middle[1] * 17), uint8_t(middle[2] * 17)}));
+    EXPECT_NE(pixel(panel, centreX, centreY), silver);
+    const int clear = iris.width / 2 + 2;
+    EXPECT_EQ(pixel(panel, centreX - clear, centreY), silver);
+    EXPECT_EQ(pixel(panel, centreX + clear, centreY), silver);
+    EXPECT_EQ(pixel(panel, 120, 0), silver);  // no lids
+    EXPECT_EQ(pixel(panel, 120, 239), silver);
+  }
+}
+
 // --- image lookup ---
 
 TEST_F(ControlTest, IrisLookupTakesTheFirstGroupOfAShape) {
