@@ -257,6 +257,12 @@ bool St7789Options::parse(const std::string& text, St7789Options& out, std::stri
     }
     start = end + 1;
   }
+  for (int dc : result.dc)
+    for (int rst : result.rst)
+      if (dc == rst) {
+        error = "GPIO line " + std::to_string(dc) + " cannot be both data/command and reset";
+        return false;
+      }
   out = result;
   return true;
 }

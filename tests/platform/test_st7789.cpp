@@ -258,8 +258,9 @@ TEST(St7789Options, ParsesKeysOverTheDefaultsAndRejectsBadOnes) {
   EXPECT_EQ(options.mode, 3);
 
   const std::string before = options.describe();
-  for (const char* bad : {"foo=1", "dc0=x", "dc0=-1", "dc1=", "rst1=-2", "mode=4", "hz=0",
-                          "hz=4294967296", "spi0=", "dc0", "=3", "hz=1,", ",hz=1", "dc0=1 "}) {
+  for (const char* bad :
+       {"foo=1", "dc0=x", "dc0=-1", "dc1=", "rst1=-2", "mode=4", "hz=0", "hz=4294967296",
+        "spi0=", "dc0", "=3", "hz=1,", ",hz=1", "dc0=1 ", "dc1=17"}) {
     error.clear();
     EXPECT_FALSE(St7789Options::parse(bad, options, error)) << bad;
     EXPECT_FALSE(error.empty()) << bad;
@@ -436,12 +437,13 @@ class St7789LcdControlTest : public ::testing::Test {
 };
 
 TEST_F(St7789LcdControlTest, EyeLcdOptionsAndAbsentDevicesFailInitWithALogLine) {
-  {
-    setenv("EYE_LCD", "st7789:spi0=/nonexistent/spidev9.9", 1);
+  // Absent, and present but not an SPI device (its set-up ioctls fail).
+  for (const char* device : {"/nonexistent/spidev9.9", "/dev/null"}) {
+    setenv("EYE_LCD", ("st7789:spi0=" + std::string(device)).c_str(), 1);
     eyetest::LogCapture log;
     EXPECT_LT(LcdControl::init(LCD_COLOR_DEPTH_12BIT), 0);
     ASSERT_EQ(log.errors().size(), 1u);
-    EXPECT_NE(log.errors()[0].find("/nonexistent/spidev9.9"), std::string::npos) << log.errors()[0];
+    EXPECT_NE(log.errors()[0].find(device), std::string::npos) << log.errors()[0];
   }
   for (const char* bad : {"st7789:colour=bgr", "st7789:hz=fast", "st7789x"}) {
     setenv("EYE_LCD", bad, 1);
