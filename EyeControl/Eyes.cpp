@@ -293,7 +293,11 @@ uint8_t Eyes::setAnimationFrame(EyeSideAnimation* side, VContent* irisImage,
   short xy[2] = {irisX, irisY};
   float scale[2] = {scaleX, scaleY};
   short lid[2] = {topLidY, bottomLidY};
-  if (!side->calculateXY(irisX, irisY, xy, scaleX, scaleY, scale, topLidY, bottomLidY, lid)) {
+  // A track with no event left to compute counts as ended.
+  const bool computed =
+      side->current_event < side->events.size() &&
+      side->calculateXY(irisX, irisY, xy, scaleX, scaleY, scale, topLidY, bottomLidY, lid);
+  if (!computed) {
     side->finished = true;
     if (topLid != nullptr) topLid->frameIndex = 0;
     if (bottomLid != nullptr) bottomLid->frameIndex = 0;

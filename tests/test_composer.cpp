@@ -15,10 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include "EyeSideAnimation.h"
 #include "EyeTestSupport.h"
 #include "Eyes.h"
 #include "LcdControl.h"
 #include "VContent.h"
+#include "moveEvent.h"
 
 namespace {
 
@@ -513,6 +515,75 @@ TEST_F(ComposerTest, SecondCompositionOfAnEyeWaitsForTheFirst) {
   EXPECT_EQ(left_.getIrisX(), 200);
   EXPECT_FALSE(left_.busy.load());
   expectFrame(placed(backgroundPattern, 10, 10, irisPattern, 195, 195), shown(0), "second frame");
+}
+
+// A still keyframe held for ten frames; only the image sequences move.
+EyeSideAnimation stillTrack() {
+  EyeSideAnimation track;
+  track.events.push_back(moveEvent(555, 555, 0, 400, 555.0f, 555.0f, 40.0, 0, 240, 0, 0, 0, 0));
+  return track;
+}
+
+// A sequence of plain frames, frame f coloured (base + f) in every channel.
+VContent plainSequence(int w, int h, int count, uint8_t base, bool alpha) {
+  VContent image;
+  image.width = static_cast<uint16_t>(w);
+  image.height = static_cast<uint16_t>(h);
+  for (int f = 0; f < count; ++f)
+    image.AddFrame("frame", w, h, alpha, false, static_cast<uint8_t>(base + f),
+                   static_cast<uint8_t>(base + f), static_cast<uint8_t>(base + f), 255);
+  return image;
+}
+
+TEST_F(ComposerTest, AnimationFramesTickSequencesAndDrawOnlyChanges) {
+  VContent previous = rgbaImage(10, 10, irisPattern);
+  iris_ = plainSequence(10, 10, 3, 0, true);
+  iris_.ratio = 1;
+  iris_.loop = 2;  // two plays, then the last frame stays
+  iris_.frameIndex = 2;
+  background_ = plainSequence(N, N, 2, 10, false);
+  background_.ratio = 2;  // each frame held two ticks, for ever
+  left_.iris = &previous;
+  left_.irisSeq = SequenceState{5, 5, 5};
+  topLid_.frameIndex = 3;
+  left_.topLidSeq = SequenceState{3, 1, 2};
+
+  EyeSideAnimation track = stillTrack();
+  std::vector<int> results, irisShown, backgroundShown;
+  for (int call = 0; call < 8; ++call) {
+    results.push_back(left_.setAnimationFrame(&track, &iris_, &background_));
+    irisShown.push_back(iris_.frameIndex);
+    backgroundShown.push_back(background_.frameIndex);
+    if (call == 6) {
+      // Drawn with the frames shown before this tick advanced them.
+      const Frame f = shown(0);
+      EXPECT_EQ(f.at(100, 140), Rgb({2, 2, 2}));
+      EXPECT_EQ(f.at(0, 0), Rgb({10, 10, 10}));
+    }
+  }
+  EXPECT_EQ(left_.iris, &iris_);
+  EXPECT_EQ(irisShown, (std::vector<int>{1, 2, 0, 1, 2, 2, 2, 2}));
+  EXPECT_EQ(backgroundShown, (std::vector<int>{0, 1, 0, 0, 1, 0, 0, 1}));
+  // The first call draws for the new iris; the eighth finds nothing changed.
+  EXPECT_EQ(results, (std::vector<int>{1, 1, 1, 1, 1, 1, 1, 0}));
+  EXPECT_EQ(LcdControl::framesWritten(0), 7u);
+  EXPECT_EQ(left_.irisSeq.loopsDone, 1);
+
+  int result = 0;
+  for (int call = 0; call < 20 && result != 2; ++call)
+    result = left_.setAnimationFrame(&track, &iris_, &background_);
+  EXPECT_EQ(result, 2);
+  EXPECT_TRUE(track.finished);
+  EXPECT_EQ(topLid_.frameIndex, 0);
+  EXPECT_EQ(left_.topLidSeq.lastFrame, 0);
+  EXPECT_EQ(left_.topLidSeq.loopsDone, 0);
+  EXPECT_EQ(left_.topLidSeq.tick, 1);
+
+  // A track without events has ended before it starts.
+  EyeSideAnimation empty;
+  const uint64_t written = LcdControl::framesWritten(0);
+  EXPECT_EQ(left_.setAnimationFrame(&empty, &iris_, &background_), 2);
+  EXPECT_EQ(LcdControl::framesWritten(0), written);
 }
 
 TEST(EyeStateTest, FreshEyeLidIndexesAndLidRecords) {
