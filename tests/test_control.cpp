@@ -522,6 +522,8 @@ TEST_F(CommandTest, OneSidedIrisPartKeepsTheOffsetsInPlace) {
 TEST_F(CommandTest, ColourCommandsRecordTheChoiceInTheSettings) {
   const Settings defaults;
   Settings& settings = Helper::getSettings();
+  settings.defaultIrisShape = 5;
+  settings.defaultBackgroundType = 1;
   // The whole default iris is reloaded even for one side.
   EXPECT_EQ(EyeControl::setIris(IrisShape::CLASSIC, ColorCode::RED, EyeSide::LEFT), 0);
   EXPECT_EQ(settings.defaultIrisStyle, "RED");
@@ -532,6 +534,7 @@ TEST_F(CommandTest, ColourCommandsRecordTheChoiceInTheSettings) {
 
   ASSERT_EQ(EyeControl::setBackground(EyeContentType::COLOR, ColorCode::TEAL), 0);
   EXPECT_EQ(settings.defaultBackgroundStyle, "TEAL");
+  EXPECT_EQ(settings.defaultBackgroundType, 0);
   EXPECT_EQ(pixel(1, 0, 0), (Rgb{0, 0x88, 0x88}));
   EXPECT_EQ(frames(0), 2u);
   EXPECT_EQ(frames(1), 1u);
@@ -542,13 +545,16 @@ TEST_F(CommandTest, ColourCommandsRecordTheChoiceInTheSettings) {
   EXPECT_EQ(pixel(1, 0, 0), kRed);
   EXPECT_EQ(settings.defaultBackgroundStyle, defaults.defaultBackgroundStyle);
 
-  ASSERT_EQ(EyeControl::setEyes(IrisShape::CLASSIC, ColorCode::BLUE, ColorCode::NAVY), 0);
-  EXPECT_EQ(settings.defaultIrisStyle, "BLUE");
+  settings.defaultIrisShape = 5;
+  settings.defaultBackgroundType = 1;
+  ASSERT_EQ(EyeControl::setEyes(IrisShape::CLASSIC, ColorCode::RED, ColorCode::NAVY), 0);
+  EXPECT_EQ(settings.defaultIrisStyle, "RED");
+  EXPECT_EQ(settings.defaultIrisShape, 0);
   EXPECT_EQ(settings.defaultBackgroundStyle, "NAVY");
   EXPECT_EQ(settings.defaultBackgroundType, 0);
   EXPECT_EQ(pixel(0, 0, 0), (Rgb{0, 0, 0x88}));
-  EXPECT_EQ(pixel(1, 133, 128), kGreen);
-  EXPECT_EQ(EyeControl::Left_Eye.offsetX, 3);
+  EXPECT_EQ(pixel(1, 140, 140), (Rgb{255, 0, 255}));  // offsets of RED are 0
+  EXPECT_EQ(EyeControl::Left_Eye.offsetX, 0);
 }
 
 TEST_F(CommandTest, SetEyesFailingHalfWayWritesNoSettingsAndDrawsNothing) {
