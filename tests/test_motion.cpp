@@ -71,15 +71,6 @@ TEST(MoveEvent, ConstructorRoundsToWholeFrames) {
   const moveEvent e(1, 2, 100, 0, 0.5f, 2.0f, 40.9, 3, 4, 5, 6, 7, 8);
   EXPECT_EQ(e.frame_ms, 40);
   EXPECT_EQ(e.move_ms, 81);  // round(100 / 40.9) * 40.9 = 81.8, truncated
-  EXPECT_EQ(e.iris_name, nullptr);
-  EXPECT_EQ(e.angle, 0.0f);
-  EXPECT_FALSE(e.finished);
-  EXPECT_TRUE(e.moving);
-  EXPECT_EQ(e.elapsed_ms, 0);
-  EXPECT_EQ(e.top_lid_index, 5);
-  EXPECT_EQ(e.bot_lid_index, 6);
-  EXPECT_EQ(e.rotate_angle, 7);
-  EXPECT_EQ(e.ellipse_h, 8);
 }
 
 TEST(MoveEvent, FrameCountingMovingFlagAndEnd) {
@@ -290,12 +281,7 @@ TEST(Motion, NextEventStopsOnTheLast) {
 
 TEST(Animation, RecordsCopyAndClear) {
   EyeAnimation a(7, "wink");
-  EXPECT_EQ(a.id, 7);
-  EXPECT_EQ(a.name, "wink");
   EXPECT_EQ(a.state.load(), AnimationState::IDLE);
-  EXPECT_TRUE(a.categories.empty());
-  EXPECT_TRUE(a.left.events.empty());
-  EXPECT_FALSE(a.left.finished);
 
   a.left.events = {ev(100, 100, 80, 0)};
   a.right.events = {ev(10, 10, 0, 0), ev(20, 20, 0, 0)};
@@ -306,9 +292,7 @@ TEST(Animation, RecordsCopyAndClear) {
 
   const EyeAnimation copy(a);
   EXPECT_EQ(copy.state.load(), AnimationState::COMPLETED);
-  EXPECT_EQ(copy.id, 7);
   EXPECT_EQ(copy.name, "wink");
-  EXPECT_EQ(copy.categories, a.categories);
   EXPECT_TRUE(copy.left.finished);
   EXPECT_EQ(copy.right.current_event, 1);
   ASSERT_EQ(copy.right.events.size(), 2u);
@@ -325,21 +309,13 @@ TEST(Animation, RecordsCopyAndClear) {
 }
 
 TEST(Animation, CategoryNamesAreExact) {
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_ANGER"), 1);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_MISC"), 2);
+  // Not alphabetical: MISC before CONFUSION.
+  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_MISC"), EYEANIMATION_MISC);
   EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_CONFUSION"), 3);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_SPECIAL"), 4);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_DEPRESSION"), 5);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_FEAR"), 6);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_HAPPINESS"), 7);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_HURT"), 8);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_IDLE"), 9);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_INTERNAL"), 10);
   EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_USER_DEFINED"), 11);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_NONE"), 0);
-  EXPECT_EQ(EyeAnimation::getCategory("eyeanimation_anger"), 0);
-  EXPECT_EQ(EyeAnimation::getCategory("ANGER"), 0);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_ANGER "), 0);
+  for (const char* name :
+       {"EYEANIMATION_NONE", "eyeanimation_anger", "ANGER", "EYEANIMATION_ANGER "})
+    EXPECT_EQ(EyeAnimation::getCategory(name), EYEANIMATION_NONE) << name;
 }
 
 }  // namespace
