@@ -11,12 +11,14 @@
 #include <VContent.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -488,11 +490,12 @@ class Writer {
     const std::filesystem::path path = std::filesystem::path(root_) / relative;
     std::error_code ec;
     std::filesystem::create_directories(path.parent_path(), ec);
-    if (!VContent::writePng(path.string(), img.width, img.height, img.pixels.data(), img.alpha)) {
+    if (VContent::writePng(path.string(), img.width, img.height, img.pixels.data(), img.alpha)) {
+      ++written_;
+    } else {
       std::fprintf(stderr, "draw_eye_assets: cannot write %s\n", path.string().c_str());
       ++failed_;
     }
-    ++written_;
   }
   int written() const { return written_; }
   int failed() const { return failed_; }
