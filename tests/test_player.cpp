@@ -365,13 +365,6 @@ TEST_F(PlayerTest, LidSequenceSwitchesOnceAndTicksByItsRatio) {
   // Drawn on the switch and whenever the shown lid frame changed.
   EXPECT_EQ(results, (std::vector<int>{1, 0, 1, 0, 1, 0, 1, 1, 0}));
   EXPECT_EQ(LcdControl::framesWritten(0), 5u);
-
-  // The track has ended: nothing drawn, the lid sequences rewound.
-  EXPECT_EQ(eye.setAnimationFrame(&track, iris, background), 2);
-  EXPECT_TRUE(track.finished);
-  EXPECT_EQ(sequence->frameIndex, 0);
-  EXPECT_EQ(eye.topLidSeq.loopsDone, 0);
-  EXPECT_EQ(LcdControl::framesWritten(0), 5u);
 }
 
 TEST_F(PlayerTest, LidIndexOutsideTheCatalogueKeepsTheLid) {
