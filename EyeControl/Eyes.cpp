@@ -8,6 +8,7 @@
 #include <cstring>
 #include <limits>
 
+#include "FrameComposer.h"
 #include "LcdControl.h"
 
 EyeLidPart::EyeLidPart() = default;
@@ -38,7 +39,6 @@ EyeLidPart::~EyeLidPart() = default;
 namespace {
 
 constexpr int kSize = Eyes::kSize;
-constexpr size_t kBackgroundBytes = static_cast<size_t>(kSize) * kSize * 3;
 
 // One millisecond, slept to the end even when a signal interrupts it.
 void sleepOneMs() {
@@ -177,72 +177,9 @@ int8_t Eyes::set_Frame_12Bit(float scaleX, float scaleY, int x, int y, short top
   this->scaleX = scaleX;
   this->scaleY = scaleY;
 
-  const std::vector<uint8_t>* irisFrame = currentFrame(iris);
-  const int irisW = iris != nullptr ? iris->width : 0;
-  const int irisH = iris != nullptr ? iris->height : 0;
-  const int scaledW = truncateToInt(static_cast<float>(irisW) * scaleX);
-  const int scaledH = truncateToInt(static_cast<float>(irisH) * scaleY);
-  // An iris that cannot be read whole is not drawn at all.
-  const bool irisShown = irisFrame != nullptr && irisW > 0 && irisH > 0 && scaledW > 0 &&
-                         scaledH > 0 && irisFrame->size() >= static_cast<size_t>(irisW) * irisH * 4;
-  const float ratioX = irisShown ? static_cast<float>(irisW - 1) / static_cast<float>(scaledW) : 0;
-  const float ratioY = irisShown ? static_cast<float>(irisH - 1) / static_cast<float>(scaledH) : 0;
-  const bool unscaled = irisW == scaledW && irisH == scaledH;
-  const long long left = centreX - scaledW / 2;
-  const long long top = centreY - scaledH / 2;
-  const long long right = left + scaledW;
-  const long long bottom = top + scaledH;
-
-  // A background that cannot be read whole shows black.
-  const std::vector<uint8_t>* backgroundFrame = currentFrame(background);
-  if (backgroundFrame != nullptr && backgroundFrame->size() < kBackgroundBytes)
-    backgroundFrame = nullptr;
-  static const unsigned char kBlack[3] = {0, 0, 0};
-
-  // Source column and row in the scaled iris, 8 bits wide on purpose: an iris larger
-  // than 256 pixels repeats its first 256.
-  uint8_t row = top < 0 ? static_cast<uint8_t>(-top) : 0;
-  const uint8_t firstCol = left < 0 ? static_cast<uint8_t>(-left) : 0;
-  bool irisRowsStarted = false;
-
+  // Row by row, with the same bytes as the per-pixel rules below.
   unsigned char out[kFrameBytes];
-  size_t pos = 0;
-  bool half = true;
-
-  for (int py = 0; py < kSize; ++py) {
-    uint8_t col = firstCol;
-    const bool irisRow = irisShown && top <= py && py < bottom;
-    for (int px = 0; px < kSize; ++px) {
-      const size_t bgOffset = (static_cast<size_t>(py) * kSize + px) * 3;
-      unsigned char bg[3];
-      std::memcpy(bg, backgroundFrame != nullptr ? backgroundFrame->data() + bgOffset : kBlack, 3);
-      unsigned char pixel[4];
-      if (irisRow && left <= px && px < right) {
-        if (unscaled) {
-          const size_t offset = (static_cast<size_t>(col) + static_cast<size_t>(row) * scaledW) * 4;
-          std::memcpy(pixel, irisFrame->data() + offset, 4);
-        } else {
-          sampleBilinear(pixel, irisFrame->data(), irisFrame->size(), ratioX, ratioY, col, row,
-                         irisW);
-        }
-        removeAlpha_AddBackground(pixel, bg);
-        ++col;
-        irisRowsStarted = true;
-      } else {
-        std::memcpy(pixel, bg, 3);
-        pixel[3] = 255;
-      }
-      if (topLidY >= 1 && py < topLidY)
-        lid_top_Paint(pixel, topLidY, static_cast<unsigned char>(px),
-                      static_cast<unsigned char>(py));
-      if (bottomLidY <= kSize - 1 && py >= bottomLidY)
-        lid_bottom_Paint(pixel, bottomLidY, static_cast<unsigned char>(px),
-                         static_cast<unsigned char>(py));
-      // The last pixel of a frame always closes a pair, so pos + 1 stays inside.
-      pos += set12bit_pixel(half, pixel[0], pixel[1], pixel[2], out[pos], out[pos + 1]);
-    }
-    if (irisRowsStarted) ++row;
-  }
+  eyeframe::compose(*this, scaleX, scaleY, centreX, centreY, topLidY, bottomLidY, out);
 
   LcdData data{};
   data.lcd = isLeft ? 0 : 1;

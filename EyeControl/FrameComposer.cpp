@@ -1,0 +1,581 @@
+// Row-by-row composer. Each panel row is sorted once into what it needs: a row that
+// shows only the background is packed straight from the background image; any other
+// row is built in a small RGB row buffer (background copy, the iris span, the lid
+// rows) and then packed. The colour arithmetic is the per-pixel rules' own, operation
+// for operation in single precision, so every byte matches them:
+// - bilinear: ((A*(1-dx))*(1-dy) + (B*dx)*(1-dy)) + (C*(1-dx))*dy + (D*dx)*dy, the four
+//   channels of one pixel side by side in a vector, never a reordered sum;
+// - blend: only alpha 1..249 needs arithmetic; above 249 is a copy, 0 keeps the pixel.
+#include "FrameComposer.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstddef>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "Eyes.h"
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define EYE_COMPOSER_AVX2 1
+#include <immintrin.h>
+#endif
+#if defined(__aarch64__) && defined(__ARM_NEON)
+#define EYE_COMPOSER_NEON 1
+#include <arm_neon.h>
+#endif
+
+namespace eyeframe {
+namespace {
+
+constexpr int kSize = Eyes::kSize;
+constexpr size_t kRowBytes = kSize * 3;            // one RGB row
+constexpr size_t kPackedRowBytes = kSize * 3 / 2;  // one 12-bit row
+constexpr size_t kBackgroundBytes = kRowBytes * kSize;
+constexpr size_t kLidStride = kSize * 4;  // lid rows are 240 RGBA pixels
+constexpr int kShortMax = std::numeric_limits<short>::max();
+
+// Float to int, truncating toward zero, pinned beyond int; NaN gives 0.
+int truncateToInt(float value) {
+  if (std::isnan(value)) return 0;
+  if (value >= 2147483520.0f) return std::numeric_limits<int>::max();
+  if (value <= -2147483648.0f) return std::numeric_limits<int>::min();
+  return static_cast<int>(value);
+}
+
+const std::vector<uint8_t>* currentFrame(const VContent* image) {
+  if (image == nullptr || image->frameIndex >= image->frames.size()) return nullptr;
+  return &image->frames[image->frameIndex];
+}
+
+// The blend weights, worked out as the blend rule does: in double, then used as float.
+struct AlphaWeights {
+  float a[256];
+  float na[256];
+};
+
+const AlphaWeights& alphaWeights() {
+  static const AlphaWeights weights = [] {
+    AlphaWeights w{};
+    for (int k = 0; k < 256; ++k) {
+      w.a[k] = static_cast<float>(k / 255.0);
+      w.na[k] = 1.0f - w.a[k];
+    }
+    return w;
+  }();
+  return weights;
+}
+
+// One lid as a frame sees it.
+struct Lid {
+  bool on = false;  // the lid line shows this lid at all
+  int line = 0;
+  int height = 0;                   // of the lid image (0 without one)
+  const uint8_t* image = nullptr;   // current frame when it holds all its rows, else null
+  const uint8_t* colour = nullptr;  // fill beyond the image; null paints nothing
+};
+
+// Where each visible iris column samples the scaled iris.
+struct Columns {
+  alignas(32) float weight[kSize][8];  // 1-dx four times, then dx four times
+  int32_t offset[kSize];               // byte offset of neighbour A within its row
+  int ixMin = 0, ixMax = 0;
+  bool monotonic = true;  // no 8-bit column wrap inside the visible span
+};
+
+struct Plan {
+  const uint8_t* background = nullptr;  // whole 240 x 240 RGB frame, or null: black
+  const uint8_t* iris = nullptr;        // null: no iris pixel on the panel
+  size_t irisPixels = 0;                // whole 4-byte pixels in the iris frame
+  int irisW = 0, irisH = 0;
+  bool unscaled = false;
+  bool hugeIris = false;  // 16-bit sample positions could wrap
+  float ratioX = 0, ratioY = 0;
+  long long left = 0, top = 0;
+  int x0 = 0, x1 = 0;  // visible iris columns [x0, x1)
+  int y0 = 0, y1 = 0;  // visible iris rows [y0, y1)
+  Lid topLid, bottomLid;
+};
+
+const uint8_t kBlackRow[kRowBytes] = {};
+
+// The lid's RGBA source for panel row py: a row of its image, its fill colour (with
+// `fill` set), or null when nothing is painted.
+const uint8_t* topLidSource(const Lid& lid, int py, bool& fill) {
+  fill = false;
+  if (lid.line <= py + lid.height && lid.image != nullptr)
+    return lid.image + static_cast<size_t>(py - lid.line + lid.height) * kLidStride;
+  fill = true;
+  return lid.colour;
+}
+
+const uint8_t* bottomLidSource(const Lid& lid, int py, bool& fill) {
+  fill = false;
+  if (py - lid.line < lid.height && lid.image != nullptr)
+    return lid.image + static_cast<size_t>(py - lid.line) * kLidStride;
+  fill = true;
+  return lid.colour;
+}
+
+// ---- Operations shared by every instruction set -------------------------------------
+
+// Blends one RGBA pixel over an RGB pixel: the blend rule, channel by channel.
+inline void blendPixel(uint8_t* dst, const uint8_t* src, float a, float na) {
+  for (int c = 0; c < 3; ++c)
+    dst[c] = static_cast<uint8_t>(static_cast<float>(src[c]) * a + static_cast<float>(dst[c]) * na +
+                                  0.5f);
+}
+
+inline void overPixel(uint8_t* dst, const uint8_t* src, const AlphaWeights& w) {
+  const uint8_t alpha = src[3];
+  if (alpha > Eyes::kOpaqueAlpha) {
+    dst[0] = src[0], dst[1] = src[1], dst[2] = src[2];
+  } else if (alpha != 0) {  // alpha 0 leaves the pixel exactly as it is
+    blendPixel(dst, src, w.a[alpha], w.na[alpha]);
+  }
+}
+
+// A fill colour over a whole row.
+inline void overColour(uint8_t* row, const uint8_t* colour, const AlphaWeights& w) {
+  const uint8_t alpha = colour[3];
+  if (alpha == 0) return;
+  if (alpha > Eyes::kOpaqueAlpha) {
+    for (int x = 0; x < kSize; ++x, row += 3)
+      row[0] = colour[0], row[1] = colour[1], row[2] = colour[2];
+    return;
+  }
+  for (int x = 0; x < kSize; ++x, row += 3) blendPixel(row, colour, w.a[alpha], w.na[alpha]);
+}
+
+// Bilinear sample with neighbours pinned inside the frame, for the rare rows whose
+// neighbours reach past it (such neighbours always carry weight 0).
+void samplePinned(uint8_t* out, const uint8_t* src, size_t pixels, float ratioX, float ratioY,
+                  short col, short row, int width) {
+  const float fx = static_cast<float>(col) * ratioX;
+  const float fy = static_cast<float>(row) * ratioY;
+  const short ix = static_cast<short>(truncateToInt(fx));
+  const short iy = static_cast<short>(truncateToInt(fy));
+  const float dx = fx - static_cast<float>(ix);
+  const float dy = fy - static_cast<float>(iy);
+  const long long last = static_cast<long long>(pixels) - 1;
+  auto at = [&](long long px, long long py) {
+    long long index = py * width + px;
+    if (index > last) index = last;
+    if (index < 0) index = 0;
+    return src + index * 4;
+  };
+  const uint8_t* a = at(ix, iy);
+  const uint8_t* b = at(ix + 1, iy);
+  const uint8_t* c = at(ix, iy + 1);
+  const uint8_t* d = at(ix + 1, iy + 1);
+  const float ndx = 1.0f - dx;
+  const float ndy = 1.0f - dy;
+  for (int k = 0; k < 4; ++k) {
+    const float value = static_cast<float>(a[k]) * ndx * ndy + static_cast<float>(b[k]) * dx * ndy +
+                        static_cast<float>(c[k]) * ndx * dy + static_cast<float>(d[k]) * dx * dy;
+    out[k] = static_cast<uint8_t>(value);
+  }
+}
+
+inline bool zeroPixel(const uint8_t* p) {
+  uint32_t v;
+  std::memcpy(&v, p, 4);
+  return v == 0;
+}
+
+// ---- Portable operations ------------------------------------------------------------
+
+struct PortableOps {
+  static void pack(const uint8_t* in, uint8_t* out, bool /*lastRow*/) {
+    for (int i = 0; i < kSize; i += 2, in += 6, out += 3) {
+      out[0] = static_cast<uint8_t>(in[1] | (in[2] << 4));
+      out[1] = static_cast<uint8_t>(in[5] | (in[0] << 4));
+      out[2] = static_cast<uint8_t>(in[3] | (in[4] << 4));
+    }
+  }
+
+  static void overRgba(uint8_t* dst, const uint8_t* src, int n, const AlphaWeights& w) {
+    for (int i = 0; i < n; ++i) overPixel(dst + 3 * i, src + 4 * i, w);
+  }
+
+  static void sample(uint8_t* out, const uint8_t* base, size_t stride, const Columns& cols, int j0,
+                     int j1, float dy) {
+    const float ndy = 1.0f - dy;
+    for (int j = j0; j < j1; ++j) {
+      const uint8_t* a = base + cols.offset[j];
+      const uint8_t* c = a + stride;
+      const float ndx = cols.weight[j][0];
+      const float dx = cols.weight[j][4];
+      for (int k = 0; k < 4; ++k) {
+        const float value =
+            static_cast<float>(a[k]) * ndx * ndy + static_cast<float>(a[k + 4]) * dx * ndy +
+            static_cast<float>(c[k]) * ndx * dy + static_cast<float>(c[k + 4]) * dx * dy;
+        out[4 * j + k] = static_cast<uint8_t>(value);
+      }
+    }
+  }
+
+  // First and one past the last pixel of [p, p + n) that is not all zero bytes.
+  static void nonZero(const uint8_t* p, int n, int& first, int& end) {
+    first = 0;
+    while (first < n && zeroPixel(p + 4 * first)) ++first;
+    end = n;
+    while (end > first && zeroPixel(p + 4 * (end - 1))) --end;
+  }
+};
+
+// ---- AVX2 operations ------------------------------------------------------------------
+
+#ifdef EYE_COMPOSER_AVX2
+#define EYE_AVX2 __attribute__((target("avx2")))
+
+struct Avx2Ops {
+  // 16 pixels (48 bytes) at a time: each 128-bit lane packs 4 pairs into 12 bytes.
+  EYE_AVX2 static void pack(const uint8_t* in, uint8_t* out, bool lastRow) {
+    const __m256i loX =
+        _mm256_setr_epi8(1, 5, 3, 7, 11, 9, 13, -128, 15, -128, -128, -128, -128, -128, -128, -128,
+                         1, 5, 3, 7, 11, 9, 13, -128, 15, -128, -128, -128, -128, -128, -128, -128);
+    const __m256i loY = _mm256_setr_epi8(-128, -128, -128, -128, -128, -128, -128, 9, -128, 11, 15,
+                                         13, -128, -128, -128, -128, -128, -128, -128, -128, -128,
+                                         -128, -128, 9, -128, 11, 15, 13, -128, -128, -128, -128);
+    const __m256i hiX =
+        _mm256_setr_epi8(2, 0, 4, 8, 6, 10, 14, 12, -128, -128, -128, -128, -128, -128, -128, -128,
+                         2, 0, 4, 8, 6, 10, 14, 12, -128, -128, -128, -128, -128, -128, -128, -128);
+    const __m256i hiY = _mm256_setr_epi8(-128, -128, -128, -128, -128, -128, -128, -128, 8, 12, 10,
+                                         14, -128, -128, -128, -128, -128, -128, -128, -128, -128,
+                                         -128, -128, -128, 8, 12, 10, 14, -128, -128, -128, -128);
+    const __m256i low = _mm256_set1_epi8(0x0F);
+    for (int i = 0; i < kSize; i += 16, in += 48, out += 24) {
+      const __m256i x = _mm256_inserti128_si256(
+          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in))),
+          _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 24)), 1);
+      const __m256i y = _mm256_inserti128_si256(
+          _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 8))),
+          _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 32)), 1);
+      const __m256i lo = _mm256_or_si256(_mm256_shuffle_epi8(x, loX), _mm256_shuffle_epi8(y, loY));
+      const __m256i hi = _mm256_or_si256(_mm256_shuffle_epi8(x, hiX), _mm256_shuffle_epi8(y, hiY));
+      const __m256i v = _mm256_or_si256(lo, _mm256_slli_epi16(_mm256_and_si256(hi, low), 4));
+      const __m128i second = _mm256_extracti128_si256(v, 1);
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm256_castsi256_si128(v));
+      if (lastRow && i + 16 == kSize) {  // the frame's last bytes: nothing may spill past
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + 12), second);
+        const uint32_t tail = static_cast<uint32_t>(_mm_extract_epi32(second, 2));
+        std::memcpy(out + 20, &tail, 4);
+      } else {
+        // Its four spare bytes land on the next group, which overwrites them.
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 12), second);
+      }
+    }
+  }
+
+  // 8 pixels at a time; groups that are all opaque or all clear take no arithmetic.
+  EYE_AVX2 static void overRgba(uint8_t* dst, const uint8_t* src, int n, const AlphaWeights& w) {
+    const __m256i alphaLanes = _mm256_set1_epi32(static_cast<int>(0xFF000000u));
+    const __m256i opaqueFrom = _mm256_set1_epi8(static_cast<char>(Eyes::kOpaqueAlpha + 1));
+    const __m256i toRgb =
+        _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -128, -128, -128, -128, 0, 1, 2, 4,
+                         5, 6, 8, 9, 10, 12, 13, 14, -128, -128, -128, -128);
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+      const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + 4 * i));
+      uint8_t* d = dst + 3 * i;
+      if (_mm256_testz_si256(_mm256_subs_epu8(opaqueFrom, v), alphaLanes)) {
+        const __m256i rgb = _mm256_shuffle_epi8(v, toRgb);
+        const __m128i second = _mm256_extracti128_si256(rgb, 1);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm256_castsi256_si128(rgb));
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d + 12), second);
+        const uint32_t tail = static_cast<uint32_t>(_mm_extract_epi32(second, 2));
+        std::memcpy(d + 20, &tail, 4);
+        continue;
+      }
+      if (_mm256_testz_si256(v, alphaLanes)) continue;
+      for (int k = 0; k < 8; ++k) overPixel(d + 3 * k, src + 4 * (i + k), w);
+    }
+    for (; i < n; ++i) overPixel(dst + 3 * i, src + 4 * i, w);
+  }
+
+  EYE_AVX2 static void sample(uint8_t* out, const uint8_t* base, size_t stride, const Columns& cols,
+                              int j0, int j1, float dy) {
+    const __m256 ndy = _mm256_set1_ps(1.0f - dy);
+    const __m256 vdy = _mm256_set1_ps(dy);
+    const __m128i narrow = _mm_setr_epi8(0, 4, 8, 12, -128, -128, -128, -128, -128, -128, -128,
+                                         -128, -128, -128, -128, -128);
+    for (int j = j0; j < j1; ++j) {
+      const uint8_t* a = base + cols.offset[j];
+      const __m256 weight = _mm256_load_ps(cols.weight[j]);
+      const __m256 ab = _mm256_cvtepi32_ps(
+          _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a))));
+      const __m256 cd = _mm256_cvtepi32_ps(
+          _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a + stride))));
+      const __m256 top = _mm256_mul_ps(_mm256_mul_ps(ab, weight), ndy);
+      const __m256 bottom = _mm256_mul_ps(_mm256_mul_ps(cd, weight), vdy);
+      __m128 sum = _mm_add_ps(_mm256_castps256_ps128(top), _mm256_extractf128_ps(top, 1));
+      sum = _mm_add_ps(sum, _mm256_castps256_ps128(bottom));
+      sum = _mm_add_ps(sum, _mm256_extractf128_ps(bottom, 1));
+      const uint32_t bytes =
+          static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi8(_mm_cvttps_epi32(sum), narrow)));
+      std::memcpy(out + 4 * j, &bytes, 4);
+    }
+  }
+
+  EYE_AVX2 static void nonZero(const uint8_t* p, int n, int& first, int& end) {
+    first = 0;
+    while (first + 8 <= n &&
+           _mm256_testz_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 4 * first)),
+                              _mm256_set1_epi8(-1)))
+      first += 8;
+    while (first < n && zeroPixel(p + 4 * first)) ++first;
+    end = n;
+    while (
+        end - 8 >= first &&
+        _mm256_testz_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 4 * (end - 8))),
+                           _mm256_set1_epi8(-1)))
+      end -= 8;
+    while (end > first && zeroPixel(p + 4 * (end - 1))) --end;
+  }
+};
+#endif
+
+// ---- The frame --------------------------------------------------------------------------
+
+Plan makePlan(const Eyes& eye, float scaleX, float scaleY, long long centreX, long long centreY,
+              short topLidY, short bottomLidY) {
+  Plan plan;
+  const std::vector<uint8_t>* backgroundFrame = currentFrame(eye.background);
+  if (backgroundFrame != nullptr && backgroundFrame->size() >= kBackgroundBytes)
+    plan.background = backgroundFrame->data();
+
+  const std::vector<uint8_t>* irisFrame = currentFrame(eye.iris);
+  const int irisW = eye.iris != nullptr ? eye.iris->width : 0;
+  const int irisH = eye.iris != nullptr ? eye.iris->height : 0;
+  const int scaledW = truncateToInt(static_cast<float>(irisW) * scaleX);
+  const int scaledH = truncateToInt(static_cast<float>(irisH) * scaleY);
+  const bool shown = irisFrame != nullptr && irisW > 0 && irisH > 0 && scaledW > 0 && scaledH > 0 &&
+                     irisFrame->size() >= static_cast<size_t>(irisW) * irisH * 4;
+  if (shown) {
+    plan.left = centreX - scaledW / 2;
+    plan.top = centreY - scaledH / 2;
+    const long long right = plan.left + scaledW;
+    const long long bottom = plan.top + scaledH;
+    auto clampToPanel = [](long long v) {
+      return static_cast<int>(v < 0 ? 0 : (v > kSize ? kSize : v));
+    };
+    plan.x0 = clampToPanel(plan.left);
+    plan.x1 = clampToPanel(right);
+    plan.y0 = clampToPanel(plan.top);
+    plan.y1 = clampToPanel(bottom);
+    if (plan.x0 < plan.x1 && plan.y0 < plan.y1) {
+      plan.iris = irisFrame->data();
+      plan.irisPixels = irisFrame->size() / 4;
+      plan.irisW = irisW;
+      plan.irisH = irisH;
+      plan.unscaled = irisW == scaledW && irisH == scaledH;
+      plan.hugeIris = irisW > kShortMax || irisH > kShortMax;
+      plan.ratioX = static_cast<float>(irisW - 1) / static_cast<float>(scaledW);
+      plan.ratioY = static_cast<float>(irisH - 1) / static_cast<float>(scaledH);
+    }
+  }
+
+  auto lid = [](Lid& out, const VContent* image, const uint8_t* colour, int line, bool on) {
+    out.on = on;
+    out.line = line;
+    out.colour = colour;
+    out.height = image != nullptr ? image->height : 0;
+    const std::vector<uint8_t>* frame = currentFrame(image);
+    if (frame != nullptr && frame->size() >= kLidStride * static_cast<size_t>(out.height))
+      out.image = frame->data();
+  };
+  lid(plan.topLid, eye.topLid, eye.topLidColor, topLidY, topLidY >= 1);
+  lid(plan.bottomLid, eye.bottomLid, eye.bottomLidColor, bottomLidY, bottomLidY <= kSize - 1);
+  return plan;
+}
+
+void prepareColumns(const Plan& plan, Columns& cols) {
+  const int n = plan.x1 - plan.x0;
+  cols.ixMin = std::numeric_limits<int>::max();
+  cols.ixMax = 0;
+  const int firstCol = static_cast<int>((plan.x0 - plan.left) & 255);
+  cols.monotonic = firstCol + n <= 256;
+  for (int j = 0; j < n; ++j) {
+    const short col = static_cast<short>((firstCol + j) & 255);
+    const float fx = static_cast<float>(col) * plan.ratioX;
+    const short ix = static_cast<short>(truncateToInt(fx));
+    const float dx = fx - static_cast<float>(ix);
+    const float ndx = 1.0f - dx;
+    for (int k = 0; k < 4; ++k) cols.weight[j][k] = ndx, cols.weight[j][k + 4] = dx;
+    cols.offset[j] = ix * 4;
+    cols.ixMin = std::min<int>(cols.ixMin, ix);
+    cols.ixMax = std::max<int>(cols.ixMax, ix);
+  }
+}
+
+template <class Ops>
+void scaledIrisRow(const Plan& plan, const Columns& cols, int py, uint8_t* row, uint8_t* samples,
+                   const AlphaWeights& w) {
+  const int n = plan.x1 - plan.x0;
+  const short irisRow = static_cast<short>((py - plan.top) & 255);
+  const float fy = static_cast<float>(irisRow) * plan.ratioY;
+  const short iy = static_cast<short>(truncateToInt(fy));
+  const float dy = fy - static_cast<float>(iy);
+  const long long width = plan.irisW;
+  const long long lastNeeded = (static_cast<long long>(iy) + 1) * width + cols.ixMax + 1;
+  if (plan.hugeIris || iy < 0 || cols.ixMin < 0 ||
+      lastNeeded >= static_cast<long long>(plan.irisPixels)) {
+    const int firstCol = static_cast<int>((plan.x0 - plan.left) & 255);
+    for (int j = 0; j < n; ++j)
+      samplePinned(samples + 4 * j, plan.iris, plan.irisPixels, plan.ratioX, plan.ratioY,
+                   static_cast<short>((firstCol + j) & 255), irisRow, plan.irisW);
+    Ops::overRgba(row + plan.x0 * 3, samples, n, w);
+    return;
+  }
+
+  const uint8_t* base = plan.iris + static_cast<size_t>(iy) * width * 4;
+  const size_t stride = static_cast<size_t>(width) * 4;
+  int j0 = 0, j1 = n;
+  if (cols.monotonic) {
+    // Samples whose four neighbours are all zero bytes are zero: alpha 0, nothing drawn.
+    const int span = cols.ixMax - cols.ixMin + 2;
+    int f0, e0, f1, e1;
+    Ops::nonZero(base + cols.ixMin * 4, span, f0, e0);
+    Ops::nonZero(base + stride + cols.ixMin * 4, span, f1, e1);
+    if (f0 >= e0 && f1 >= e1) return;
+    const int first = cols.ixMin + std::min(f0 >= e0 ? span : f0, f1 >= e1 ? span : f1);
+    const int last = cols.ixMin + std::max(f0 >= e0 ? -1 : e0 - 1, f1 >= e1 ? -1 : e1 - 1);
+    while (j0 < n && cols.offset[j0] / 4 + 1 < first) ++j0;
+    while (j1 > j0 && cols.offset[j1 - 1] / 4 > last) --j1;
+  }
+  Ops::sample(samples, base, stride, cols, j0, j1, dy);
+  Ops::overRgba(row + (plan.x0 + j0) * 3, samples + 4 * j0, j1 - j0, w);
+}
+
+template <class Ops>
+void paintLid(const Lid& lid, bool top, int py, uint8_t* row, const AlphaWeights& w) {
+  bool fill = false;
+  const uint8_t* source = top ? topLidSource(lid, py, fill) : bottomLidSource(lid, py, fill);
+  if (source == nullptr) return;
+  if (fill)
+    overColour(row, source, w);
+  else
+    Ops::overRgba(row, source, kSize, w);
+}
+
+template <class Ops>
+void composeRows(const Plan& plan, uint8_t* out) {
+  const AlphaWeights& w = alphaWeights();
+  alignas(32) Columns cols;
+  if (plan.iris != nullptr && !plan.unscaled) prepareColumns(plan, cols);
+  // Room for the wide stores that spill a few bytes past the last pixel.
+  alignas(32) uint8_t row[kRowBytes + 32];
+  alignas(32) uint8_t samples[kSize * 4 + 32];
+
+  for (int py = 0; py < kSize; ++py) {
+    const uint8_t* background = plan.background != nullptr
+                                    ? plan.background + static_cast<size_t>(py) * kRowBytes
+                                    : kBlackRow;
+    const bool irisRow = plan.iris != nullptr && py >= plan.y0 && py < plan.y1;
+    const bool topRow = plan.topLid.on && py < plan.topLid.line;
+    const bool bottomRow = plan.bottomLid.on && py >= plan.bottomLid.line;
+    uint8_t* packed = out + static_cast<size_t>(py) * kPackedRowBytes;
+    if (!irisRow && !topRow && !bottomRow) {
+      Ops::pack(background, packed, py == kSize - 1);
+      continue;
+    }
+    std::memcpy(row, background, kRowBytes);
+    if (irisRow) {
+      if (plan.unscaled) {
+        // A copy-and-blend of the image row; the 8-bit column counter restarts the
+        // image row after 256 pixels.
+        const size_t irisRowOffset =
+            static_cast<size_t>((py - plan.top) & 255) * static_cast<size_t>(plan.irisW) * 4;
+        int px = plan.x0;
+        int col = static_cast<int>((plan.x0 - plan.left) & 255);
+        while (px < plan.x1) {
+          const int run = std::min(plan.x1 - px, 256 - col);
+          Ops::overRgba(row + px * 3, plan.iris + irisRowOffset + static_cast<size_t>(col) * 4, run,
+                        w);
+          px += run;
+          col = 0;
+        }
+      } else {
+        scaledIrisRow<Ops>(plan, cols, py, row, samples, w);
+      }
+    }
+    if (topRow) paintLid<Ops>(plan.topLid, true, py, row, w);
+    if (bottomRow) paintLid<Ops>(plan.bottomLid, false, py, row, w);
+    Ops::pack(row, packed, py == kSize - 1);
+  }
+}
+
+__attribute__((flatten)) void composePortable(const Plan& plan, uint8_t* out) {
+  composeRows<PortableOps>(plan, out);
+}
+
+#ifdef EYE_COMPOSER_AVX2
+EYE_AVX2 __attribute__((flatten)) void composeAvx2(const Plan& plan, uint8_t* out) {
+  composeRows<Avx2Ops>(plan, out);
+}
+#endif
+
+bool cpuHas(Isa isa) {
+  switch (isa) {
+    case Isa::Portable:
+      return true;
+    case Isa::Avx2:
+#ifdef EYE_COMPOSER_AVX2
+      return __builtin_cpu_supports("avx2");
+#else
+      return false;
+#endif
+    case Isa::Neon:
+      return false;
+  }
+  return false;
+}
+
+std::atomic<int>& chosenIsa() {
+  static std::atomic<int> chosen{static_cast<int>(cpuHas(Isa::Avx2) ? Isa::Avx2 : Isa::Portable)};
+  return chosen;
+}
+
+}  // namespace
+
+Isa activeIsa() {
+  return static_cast<Isa>(chosenIsa().load(std::memory_order_relaxed));
+}
+
+bool selectIsa(Isa isa) {
+  if (!cpuHas(isa)) return false;
+  chosenIsa().store(static_cast<int>(isa), std::memory_order_relaxed);
+  return true;
+}
+
+const char* isaName(Isa isa) {
+  switch (isa) {
+    case Isa::Portable:
+      return "portable";
+    case Isa::Avx2:
+      return "avx2";
+    case Isa::Neon:
+      return "neon";
+  }
+  return "?";
+}
+
+void compose(const Eyes& eye, float scaleX, float scaleY, long long centreX, long long centreY,
+             short topLidY, short bottomLidY, uint8_t* out) {
+  const Plan plan = makePlan(eye, scaleX, scaleY, centreX, centreY, topLidY, bottomLidY);
+  switch (activeIsa()) {
+#ifdef EYE_COMPOSER_AVX2
+    case Isa::Avx2:
+      composeAvx2(plan, out);
+      return;
+#endif
+    default:
+      composePortable(plan, out);
+      return;
+  }
+}
+
+}  // namespace eyeframe

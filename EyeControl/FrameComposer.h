@@ -1,0 +1,26 @@
+// The row-by-row frame composer behind Eyes::set_Frame_12Bit. Internal to the library;
+// it produces exactly the bytes the per-pixel rules of Eyes would, with far less work.
+#pragma once
+
+#include <cstdint>
+
+class Eyes;
+
+namespace eyeframe {
+
+// Composes one 86400-byte 12-bit frame of `eye` (its images, offsets-free centre,
+// scales and lid lines as given) into `out`. Reads the eye's image pointers and fill
+// colours; writes nothing else, allocates nothing.
+void compose(const Eyes& eye, float scaleX, float scaleY, long long centreX, long long centreY,
+             short topLidY, short bottomLidY, uint8_t* out);
+
+// Instruction sets the composer has code for. Portable is plain C++ and always there.
+enum class Isa : uint8_t { Portable, Avx2, Neon };
+
+// The set in use: the best one the CPU has, unless a test or benchmark chose another.
+Isa activeIsa();
+// Selects `isa` for every later frame; false (and no change) if the CPU lacks it.
+bool selectIsa(Isa isa);
+const char* isaName(Isa isa);
+
+}  // namespace eyeframe
