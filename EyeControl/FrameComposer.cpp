@@ -81,8 +81,17 @@ struct Lid {
 struct Columns {
   alignas(32) float weight[kSize][8];  // 1-dx four times, then dx four times
   int32_t offset[kSize];               // byte offset of neighbour A within its row
+  int32_t rowByte[kSize];              // byte offset of A within the float rows
   int ixMin = 0, ixMax = 0;
   bool monotonic = true;  // no 8-bit column wrap inside the visible span
+};
+
+// Float copies of the two iris rows (pixels ixMin .. ixMax + 1) the current panel row
+// samples; an upscaled iris uses each row for two or more panel rows.
+struct FloatRows {
+  static constexpr int kMaxPixels = 258;
+  alignas(32) float pixel[2][kMaxPixels][4];
+  long long start[2] = {-1, -1};  // linear index of the first pixel held, -1: none
 };
 
 struct Plan {
@@ -201,7 +210,7 @@ struct PortableOps {
   }
 
   static void sample(uint8_t* out, const uint8_t* base, size_t stride, const Columns& cols, int j0,
-                     int j1, float dy) {
+                     int j1, float dy, FloatRows& /*rows*/, long long /*startA*/) {
     const float ndy = 1.0f - dy;
     for (int j = j0; j < j1; ++j) {
       const uint8_t* a = base + cols.offset[j];
@@ -270,6 +279,30 @@ struct Avx2Ops {
     }
   }
 
+  // One pixel over another, the three channels (and a spare) side by side.
+  EYE_AVX2 static void overPixel(uint8_t* dst, const uint8_t* src, const AlphaWeights& w) {
+    const uint8_t alpha = src[3];
+    if (alpha > Eyes::kOpaqueAlpha) {
+      dst[0] = src[0], dst[1] = src[1], dst[2] = src[2];
+      return;
+    }
+    if (alpha == 0) return;
+    uint32_t fg, old;
+    std::memcpy(&fg, src, 4);
+    std::memcpy(&old, dst, 4);  // its fourth byte is the next pixel's, written back as it was
+    const __m128 f = _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(static_cast<int>(fg))));
+    const __m128 b = _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(static_cast<int>(old))));
+    const __m128 sum = _mm_add_ps(
+        _mm_add_ps(_mm_mul_ps(f, _mm_set1_ps(w.a[alpha])), _mm_mul_ps(b, _mm_set1_ps(w.na[alpha]))),
+        _mm_set1_ps(0.5f));
+    const __m128i narrow = _mm_setr_epi8(0, 4, 8, -128, -128, -128, -128, -128, -128, -128, -128,
+                                         -128, -128, -128, -128, -128);
+    const uint32_t rgb =
+        static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi8(_mm_cvttps_epi32(sum), narrow)));
+    const uint32_t result = rgb | (old & 0xFF000000u);
+    std::memcpy(dst, &result, 4);
+  }
+
   // 8 pixels at a time; groups that are all opaque or all clear take no arithmetic.
   EYE_AVX2 static void overRgba(uint8_t* dst, const uint8_t* src, int n, const AlphaWeights& w) {
     const __m256i alphaLanes = _mm256_set1_epi32(static_cast<int>(0xFF000000u));
@@ -291,48 +324,135 @@ struct Avx2Ops {
         continue;
       }
       if (_mm256_testz_si256(v, alphaLanes)) continue;
-      for (int k = 0; k < 8; ++k) overPixel(d + 3 * k, src + 4 * (i + k), w);
+      for (int k = 0; k < 8; ++k) Avx2Ops::overPixel(d + 3 * k, src + 4 * (i + k), w);
     }
-    for (; i < n; ++i) overPixel(dst + 3 * i, src + 4 * i, w);
+    for (; i < n; ++i) Avx2Ops::overPixel(dst + 3 * i, src + 4 * i, w);
+  }
+
+  // Pixels [start, start + count) of the iris as floats, four channels each.
+  EYE_AVX2 static void toFloats(float (*out)[4], const uint8_t* pixels, long long start,
+                                int count) {
+    const uint8_t* p = pixels + start * 4;
+    int k = 0;
+    for (; k + 2 <= count; k += 2)
+      _mm256_store_ps(out[k], _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(
+                                  _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + 4 * k)))));
+    if (k < count) {
+      uint32_t last;
+      std::memcpy(&last, p + 4 * k, 4);
+      _mm_store_ps(out[k],
+                   _mm_cvtepi32_ps(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(static_cast<int>(last)))));
+    }
+  }
+
+  // The float row holding pixels from `start`, converting it unless held already;
+  // `keep` is the row the caller needs alongside, which must not be replaced.
+  EYE_AVX2 static const float (*floatRow(FloatRows& rows, const uint8_t* pixels, long long start,
+                                         int count, long long keep))[4] {
+    for (int k = 0; k < 2; ++k)
+      if (rows.start[k] == start) return rows.pixel[k];
+    const int slot = rows.start[0] == keep ? 1 : 0;
+    toFloats(rows.pixel[slot], pixels, start, count);
+    rows.start[slot] = start;
+    return rows.pixel[slot];
   }
 
   EYE_AVX2 static void sample(uint8_t* out, const uint8_t* base, size_t stride, const Columns& cols,
-                              int j0, int j1, float dy) {
+                              int j0, int j1, float dy, FloatRows& rows, long long startA) {
     const __m256 ndy = _mm256_set1_ps(1.0f - dy);
     const __m256 vdy = _mm256_set1_ps(dy);
-    const __m128i narrow = _mm_setr_epi8(0, 4, 8, 12, -128, -128, -128, -128, -128, -128, -128,
-                                         -128, -128, -128, -128, -128);
-    for (int j = j0; j < j1; ++j) {
-      const uint8_t* a = base + cols.offset[j];
-      const __m256 weight = _mm256_load_ps(cols.weight[j]);
-      const __m256 ab = _mm256_cvtepi32_ps(
-          _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a))));
-      const __m256 cd = _mm256_cvtepi32_ps(
-          _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a + stride))));
-      const __m256 top = _mm256_mul_ps(_mm256_mul_ps(ab, weight), ndy);
-      const __m256 bottom = _mm256_mul_ps(_mm256_mul_ps(cd, weight), vdy);
+    const int count = cols.ixMax - cols.ixMin + 2;
+    const float(*rowA)[4] = nullptr;
+    const float(*rowC)[4] = nullptr;
+    if (count <= FloatRows::kMaxPixels) {
+      const uint8_t* pixels = base - startA * 4 + static_cast<long long>(cols.ixMin) * 4;
+      const long long startC = startA + static_cast<long long>(stride / 4);
+      rowA = floatRow(rows, pixels, startA, count, startC);
+      rowC = floatRow(rows, pixels, startC, count, startA);
+    }
+    if (rowA != nullptr)
+      sampleLoop<true>(out, base, stride, cols, j0, j1, ndy, vdy, rowA, rowC);
+    else
+      sampleLoop<false>(out, base, stride, cols, j0, j1, ndy, vdy, rowA, rowC);
+  }
+
+  template <bool kFloatRows>
+  EYE_AVX2 static void sampleLoop(uint8_t* out, const uint8_t* base, size_t stride,
+                                  const Columns& cols, int j0, int j1, __m256 ndy, __m256 vdy,
+                                  const float (*rowA)[4], const float (*rowC)[4]) {
+    // Neighbours A and B (or C and D) of one sample, each channel weighted by its
+    // column and then by its row: (A*(1-dx))*(1-dy) in the low half, (B*dx)*(1-dy) high.
+    const float* weights = cols.weight[j0];
+    const int32_t* offsets = (kFloatRows ? cols.rowByte : cols.offset) + j0;
+    const uint8_t* rowABytes = reinterpret_cast<const uint8_t*>(rowA);
+    const uint8_t* rowCBytes = reinterpret_cast<const uint8_t*>(rowC);
+    auto weighted = [&](int k, __m256& top, __m256& bottom) EYE_AVX2 {
+      const __m256 weight = _mm256_load_ps(weights + 8 * k);
+      __m256 ab, cd;
+      if (kFloatRows) {
+        ab = _mm256_loadu_ps(reinterpret_cast<const float*>(rowABytes + offsets[k]));
+        cd = _mm256_loadu_ps(reinterpret_cast<const float*>(rowCBytes + offsets[k]));
+      } else {
+        const uint8_t* a = base + offsets[k];
+        ab = _mm256_cvtepi32_ps(
+            _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a))));
+        cd = _mm256_cvtepi32_ps(
+            _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a + stride))));
+      }
+      top = _mm256_mul_ps(_mm256_mul_ps(ab, weight), ndy);
+      bottom = _mm256_mul_ps(_mm256_mul_ps(cd, weight), vdy);
+    };
+    const __m256i narrow = _mm256_setr_epi8(
+        0, 4, 8, 12, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, 0, 4,
+        8, 12, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128, -128);
+    const __m256i gather = _mm256_setr_epi32(0, 4, 0, 0, 0, 0, 0, 0);
+    int j = j0;
+    uint8_t* o = out + 4 * j0;
+    for (; j + 2 <= j1; j += 2, weights += 16, offsets += 2, o += 8) {
+      // Two samples side by side, one per 128-bit lane; the sum stays in rule order.
+      __m256 top0, bottom0, top1, bottom1;
+      weighted(0, top0, bottom0);
+      weighted(1, top1, bottom1);
+      __m256 sum = _mm256_add_ps(_mm256_permute2f128_ps(top0, top1, 0x20),
+                                 _mm256_permute2f128_ps(top0, top1, 0x31));
+      sum = _mm256_add_ps(sum, _mm256_permute2f128_ps(bottom0, bottom1, 0x20));
+      sum = _mm256_add_ps(sum, _mm256_permute2f128_ps(bottom0, bottom1, 0x31));
+      const __m256i bytes = _mm256_permutevar8x32_epi32(
+          _mm256_shuffle_epi8(_mm256_cvttps_epi32(sum), narrow), gather);
+      _mm_storel_epi64(reinterpret_cast<__m128i*>(o), _mm256_castsi256_si128(bytes));
+    }
+    if (j < j1) {
+      __m256 top, bottom;
+      weighted(0, top, bottom);
       __m128 sum = _mm_add_ps(_mm256_castps256_ps128(top), _mm256_extractf128_ps(top, 1));
       sum = _mm_add_ps(sum, _mm256_castps256_ps128(bottom));
       sum = _mm_add_ps(sum, _mm256_extractf128_ps(bottom, 1));
-      const uint32_t bytes =
-          static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_shuffle_epi8(_mm_cvttps_epi32(sum), narrow)));
-      std::memcpy(out + 4 * j, &bytes, 4);
+      const uint32_t bytes = static_cast<uint32_t>(_mm_cvtsi128_si32(
+          _mm_shuffle_epi8(_mm_cvttps_epi32(sum), _mm256_castsi256_si128(narrow))));
+      std::memcpy(o, &bytes, 4);
     }
   }
 
   EYE_AVX2 static void nonZero(const uint8_t* p, int n, int& first, int& end) {
+    // Bit k of the mask: pixel k of the eight at q is not all zero bytes.
+    auto mask = [](const uint8_t* q) EYE_AVX2 {
+      const __m256i zero = _mm256_cmpeq_epi32(
+          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(q)), _mm256_setzero_si256());
+      return ~static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(zero))) & 0xFFu;
+    };
     first = 0;
-    while (first + 8 <= n &&
-           _mm256_testz_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 4 * first)),
-                              _mm256_set1_epi8(-1)))
-      first += 8;
+    for (; first + 8 <= n; first += 8)
+      if (const unsigned m = mask(p + 4 * first)) {
+        first += __builtin_ctz(m);
+        break;
+      }
     while (first < n && zeroPixel(p + 4 * first)) ++first;
     end = n;
-    while (
-        end - 8 >= first &&
-        _mm256_testz_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 4 * (end - 8))),
-                           _mm256_set1_epi8(-1)))
-      end -= 8;
+    for (; end - 8 >= first; end -= 8)
+      if (const unsigned m = mask(p + 4 * (end - 8))) {
+        end -= __builtin_clz(m) - 24;
+        break;
+      }
     while (end > first && zeroPixel(p + 4 * (end - 1))) --end;
   }
 };
@@ -409,11 +529,12 @@ void prepareColumns(const Plan& plan, Columns& cols) {
     cols.ixMin = std::min<int>(cols.ixMin, ix);
     cols.ixMax = std::max<int>(cols.ixMax, ix);
   }
+  for (int j = 0; j < n; ++j) cols.rowByte[j] = (cols.offset[j] / 4 - cols.ixMin) * 16;
 }
 
 template <class Ops>
-void scaledIrisRow(const Plan& plan, const Columns& cols, int py, uint8_t* row, uint8_t* samples,
-                   const AlphaWeights& w) {
+void scaledIrisRow(const Plan& plan, const Columns& cols, FloatRows& rows, int py, uint8_t* row,
+                   uint8_t* samples, const AlphaWeights& w) {
   const int n = plan.x1 - plan.x0;
   const short irisRow = static_cast<short>((py - plan.top) & 255);
   const float fy = static_cast<float>(irisRow) * plan.ratioY;
@@ -443,10 +564,13 @@ void scaledIrisRow(const Plan& plan, const Columns& cols, int py, uint8_t* row, 
     if (f0 >= e0 && f1 >= e1) return;
     const int first = cols.ixMin + std::min(f0 >= e0 ? span : f0, f1 >= e1 ? span : f1);
     const int last = cols.ixMin + std::max(f0 >= e0 ? -1 : e0 - 1, f1 >= e1 ? -1 : e1 - 1);
-    while (j0 < n && cols.offset[j0] / 4 + 1 < first) ++j0;
-    while (j1 > j0 && cols.offset[j1 - 1] / 4 > last) --j1;
+    // Columns sample left to right here, so both ends are found by bisection.
+    const int32_t* offsets = cols.offset;
+    j0 = static_cast<int>(std::lower_bound(offsets, offsets + n, (first - 1) * 4) - offsets);
+    j1 = static_cast<int>(std::upper_bound(offsets + j0, offsets + n, last * 4) - offsets);
   }
-  Ops::sample(samples, base, stride, cols, j0, j1, dy);
+  Ops::sample(samples, base, stride, cols, j0, j1, dy, rows,
+              static_cast<long long>(iy) * width + cols.ixMin);
   Ops::overRgba(row + (plan.x0 + j0) * 3, samples + 4 * j0, j1 - j0, w);
 }
 
@@ -465,6 +589,7 @@ template <class Ops>
 void composeRows(const Plan& plan, uint8_t* out) {
   const AlphaWeights& w = alphaWeights();
   alignas(32) Columns cols;
+  alignas(32) FloatRows rows;
   if (plan.iris != nullptr && !plan.unscaled) prepareColumns(plan, cols);
   // Room for the wide stores that spill a few bytes past the last pixel.
   alignas(32) uint8_t row[kRowBytes + 32];
@@ -499,7 +624,7 @@ void composeRows(const Plan& plan, uint8_t* out) {
           col = 0;
         }
       } else {
-        scaledIrisRow<Ops>(plan, cols, py, row, samples, w);
+        scaledIrisRow<Ops>(plan, cols, rows, py, row, samples, w);
       }
     }
     if (topRow) paintLid<Ops>(plan.topLid, true, py, row, w);
