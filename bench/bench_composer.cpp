@@ -160,10 +160,9 @@ struct Pixman {
     dstImage = pixman_image_create_bits(PIXMAN_x8r8g8b8, N, N, dst.data(), N * 4);
     auto solid = [](const uint8_t* c) {
       const uint32_t v = argb(c, c[3]);
-      pixman_color_t colour{static_cast<uint16_t>((v >> 16 & 255) * 257),
-                            static_cast<uint16_t>((v >> 8 & 255) * 257),
-                            static_cast<uint16_t>((v & 255) * 257),
-                            static_cast<uint16_t>((v >> 24) * 257)};
+      pixman_color_t colour{
+          static_cast<uint16_t>((v >> 16 & 255) * 257), static_cast<uint16_t>((v >> 8 & 255) * 257),
+          static_cast<uint16_t>((v & 255) * 257), static_cast<uint16_t>((v >> 24) * 257)};
       return pixman_image_create_solid_fill(&colour);
     };
     topFill = solid(im.topFill);
@@ -177,8 +176,8 @@ struct Pixman {
     pixman_transform_init_scale(&t, pixman_double_to_fixed(119.0 / w),
                                 pixman_double_to_fixed(119.0 / h));
     pixman_image_set_transform(irisImage, &t);
-    pixman_image_composite32(PIXMAN_OP_OVER, irisImage, nullptr, dstImage, 0, 0, 0, 0,
-                             s.x - w / 2, s.y - h / 2, w, h);
+    pixman_image_composite32(PIXMAN_OP_OVER, irisImage, nullptr, dstImage, 0, 0, 0, 0, s.x - w / 2,
+                             s.y - h / 2, w, h);
     const int lidH = 60;
     if (s.topLidY >= 1) {
       pixman_image_composite32(PIXMAN_OP_OVER, topImage, nullptr, dstImage, 0, 0, 0, 0, 0,
@@ -217,8 +216,7 @@ void fast(const Scene& s, uint8_t* out) {
   eyeframe::compose(benchEye(), s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY, out);
 }
 void literal(const Scene& s, uint8_t* out) {
-  eyetest::referenceCompose(benchEye(), s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY,
-                            out);
+  eyetest::referenceCompose(benchEye(), s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY, out);
 }
 void withPixman(const Scene& s, uint8_t* out) {
   pixmanState().compose(s, out);
@@ -249,7 +247,7 @@ class MedianReporter : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs)
       if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-        medians[run.run_name.function_name] = run.GetAdjustedRealTime() / 1000.0;
+        medians[run.run_name.function_name] = run.GetAdjustedRealTime();  // in microseconds
   }
 };
 
@@ -276,11 +274,11 @@ int callgrindFrames(const std::string& sceneName, const std::string& implName, i
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc >= 2 && std::string(argv[1]) == "--frames")
-    return argc == 5 ? callgrindFrames(argv[2], argv[3], std::atoi(argv[4])) : 2;
   if (const char* isa = std::getenv("EYE_COMPOSER_ISA"))
     for (eyeframe::Isa candidate : {eyeframe::Isa::Portable, eyeframe::Isa::Avx2})
       if (std::string(isa) == eyeframe::isaName(candidate)) eyeframe::selectIsa(candidate);
+  if (argc >= 2 && std::string(argv[1]) == "--frames")
+    return argc == 5 ? callgrindFrames(argv[2], argv[3], std::atoi(argv[4])) : 2;
 
   for (const Scene& scene : kScenes)
     for (const auto& [name, impl] : impls())
