@@ -4,6 +4,7 @@
 //   memory      (default) frames are only kept in memory
 //   png:DIR     every frame is also written to DIR/lcd<panel>_<counter>.png
 //               (counter of 6 digits from 000000, per panel), decoded to 8-bit RGB
+//   st7789[:OPTS] two ST7789 panels over spidev and GPIO lines (St7789.h gives OPTS)
 // Whatever the output, lastFrame() and framesWritten() report what was written.
 #pragma once
 
