@@ -53,50 +53,6 @@ const std::vector<uint8_t>* currentFrame(const VContent* image) {
   return &image->frames[image->frameIndex];
 }
 
-// Float to int, truncating toward zero; values beyond int (and NaN) are pinned so the
-// conversion is always defined. Only absurd scales ever reach the limits.
-int truncateToInt(float value) {
-  if (std::isnan(value)) return 0;
-  if (value >= 2147483520.0f) return std::numeric_limits<int>::max();
-  if (value <= -2147483648.0f) return std::numeric_limits<int>::min();
-  return static_cast<int>(value);
-}
-
-// Bilinear sample of a 4-byte-per-pixel image. Neighbours are read at their literal
-// offsets; an offset that would fall outside the `size` bytes of `src` is pinned to
-// the nearest pixel inside (such a neighbour always carries weight 0 for a
-// well-formed image, so only the read is changed, never a result).
-void sampleBilinear(unsigned char* out, const unsigned char* src, size_t size, float ratioX,
-                    float ratioY, short col, short row, int width) {
-  const float fx = static_cast<float>(col) * ratioX;
-  const float fy = static_cast<float>(row) * ratioY;
-  const short ix = static_cast<short>(truncateToInt(fx));
-  const short iy = static_cast<short>(truncateToInt(fy));
-  const float dx = fx - static_cast<float>(ix);
-  const float dy = fy - static_cast<float>(iy);
-
-  const long long lastPixel = static_cast<long long>(size / 4) - 1;
-  auto at = [&](long long px, long long py) {
-    long long index = py * width + px;
-    if (index > lastPixel) index = lastPixel;
-    if (index < 0) index = 0;
-    return src + index * 4;
-  };
-  const unsigned char* a = at(ix, iy);
-  const unsigned char* b = at(ix + 1, iy);
-  const unsigned char* c = at(ix, iy + 1);
-  const unsigned char* d = at(ix + 1, iy + 1);
-
-  const float ndx = 1.0f - dx;
-  const float ndy = 1.0f - dy;
-  for (int k = 0; k < 4; ++k) {
-    // Written out term by term, summed left to right, so the rounding is fixed.
-    const float value = static_cast<float>(a[k]) * ndx * ndy + static_cast<float>(b[k]) * dx * ndy +
-                        static_cast<float>(c[k]) * ndx * dy + static_cast<float>(d[k]) * dx * dy;
-    out[k] = static_cast<unsigned char>(value);  // truncated, not rounded
-  }
-}
-
 // Blends a lid colour (4 bytes) over the pixel's colour bytes.
 void blendOver(unsigned char* pixel, const unsigned char* lidColour) {
   unsigned char sample[4];
@@ -270,7 +226,8 @@ uint8_t Eyes::setAnimationFrame(EyeSideAnimation* side, VContent* irisImage,
 void Eyes::setResizedPixel(unsigned char* out, const unsigned char* src, float ratioX, float ratioY,
                            short col, short row, int width) {
   // The caller vouches for the four neighbours; nothing is pinned.
-  sampleBilinear(out, src, std::numeric_limits<size_t>::max() / 8, ratioX, ratioY, col, row, width);
+  eyeframe::samplePinned(out, src, std::numeric_limits<size_t>::max() / 32, ratioX, ratioY, col,
+                         row, width);
 }
 
 void Eyes::removeAlpha_AddBackground(unsigned char* pixel, unsigned char* background) {

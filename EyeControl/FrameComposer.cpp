@@ -28,6 +28,44 @@
 #endif
 
 namespace eyeframe {
+
+int truncateToInt(float value) {
+  if (std::isnan(value)) return 0;
+  if (value >= 2147483520.0f) return std::numeric_limits<int>::max();
+  if (value <= -2147483648.0f) return std::numeric_limits<int>::min();
+  return static_cast<int>(value);
+}
+
+// Bilinear sample with neighbours pinned inside the frame, for the rare rows whose
+// neighbours reach past it (such neighbours always carry weight 0).
+void samplePinned(uint8_t* out, const uint8_t* src, size_t pixels, float ratioX, float ratioY,
+                  short col, short row, int width) {
+  const float fx = static_cast<float>(col) * ratioX;
+  const float fy = static_cast<float>(row) * ratioY;
+  const short ix = static_cast<short>(truncateToInt(fx));
+  const short iy = static_cast<short>(truncateToInt(fy));
+  const float dx = fx - static_cast<float>(ix);
+  const float dy = fy - static_cast<float>(iy);
+  const long long last = static_cast<long long>(pixels) - 1;
+  auto at = [&](long long px, long long py) {
+    long long index = py * width + px;
+    if (index > last) index = last;
+    if (index < 0) index = 0;
+    return src + index * 4;
+  };
+  const uint8_t* a = at(ix, iy);
+  const uint8_t* b = at(ix + 1, iy);
+  const uint8_t* c = at(ix, iy + 1);
+  const uint8_t* d = at(ix + 1, iy + 1);
+  const float ndx = 1.0f - dx;
+  const float ndy = 1.0f - dy;
+  for (int k = 0; k < 4; ++k) {
+    const float value = static_cast<float>(a[k]) * ndx * ndy + static_cast<float>(b[k]) * dx * ndy +
+                        static_cast<float>(c[k]) * ndx * dy + static_cast<float>(d[k]) * dx * dy;
+    out[k] = static_cast<uint8_t>(value);
+  }
+}
+
 namespace {
 
 constexpr int kSize = Eyes::kSize;
@@ -36,14 +74,6 @@ constexpr size_t kPackedRowBytes = kSize * 3 / 2;  // one 12-bit row
 constexpr size_t kBackgroundBytes = kRowBytes * kSize;
 constexpr size_t kLidStride = kSize * 4;  // lid rows are 240 RGBA pixels
 constexpr int kShortMax = std::numeric_limits<short>::max();
-
-// Float to int, truncating toward zero, pinned beyond int; NaN gives 0.
-int truncateToInt(float value) {
-  if (std::isnan(value)) return 0;
-  if (value >= 2147483520.0f) return std::numeric_limits<int>::max();
-  if (value <= -2147483648.0f) return std::numeric_limits<int>::min();
-  return static_cast<int>(value);
-}
 
 const std::vector<uint8_t>* currentFrame(const VContent* image) {
   if (image == nullptr || image->frameIndex >= image->frames.size()) return nullptr;
@@ -156,36 +186,6 @@ inline void overColour(uint8_t* row, const uint8_t* colour, const AlphaWeights& 
     return;
   }
   for (int x = 0; x < kSize; ++x, row += 3) blendPixel(row, colour, w.a[alpha], w.na[alpha]);
-}
-
-// Bilinear sample with neighbours pinned inside the frame, for the rare rows whose
-// neighbours reach past it (such neighbours always carry weight 0).
-void samplePinned(uint8_t* out, const uint8_t* src, size_t pixels, float ratioX, float ratioY,
-                  short col, short row, int width) {
-  const float fx = static_cast<float>(col) * ratioX;
-  const float fy = static_cast<float>(row) * ratioY;
-  const short ix = static_cast<short>(truncateToInt(fx));
-  const short iy = static_cast<short>(truncateToInt(fy));
-  const float dx = fx - static_cast<float>(ix);
-  const float dy = fy - static_cast<float>(iy);
-  const long long last = static_cast<long long>(pixels) - 1;
-  auto at = [&](long long px, long long py) {
-    long long index = py * width + px;
-    if (index > last) index = last;
-    if (index < 0) index = 0;
-    return src + index * 4;
-  };
-  const uint8_t* a = at(ix, iy);
-  const uint8_t* b = at(ix + 1, iy);
-  const uint8_t* c = at(ix, iy + 1);
-  const uint8_t* d = at(ix + 1, iy + 1);
-  const float ndx = 1.0f - dx;
-  const float ndy = 1.0f - dy;
-  for (int k = 0; k < 4; ++k) {
-    const float value = static_cast<float>(a[k]) * ndx * ndy + static_cast<float>(b[k]) * dx * ndy +
-                        static_cast<float>(c[k]) * ndx * dy + static_cast<float>(d[k]) * dx * dy;
-    out[k] = static_cast<uint8_t>(value);
-  }
 }
 
 inline bool zeroPixel(const uint8_t* p) {

@@ -6,7 +6,18 @@
 
 class Eyes;
 
+#include <cstddef>
+
 namespace eyeframe {
+
+// Float to int, truncating toward zero, pinned beyond int; NaN gives 0.
+int truncateToInt(float value);
+
+// Bilinear sample of a 4-byte-per-pixel image of `pixels` pixels with row stride
+// `width`; neighbours that would fall outside are pinned to the nearest pixel inside
+// (such neighbours always carry weight 0, so only the read changes, never a result).
+void samplePinned(uint8_t* out, const uint8_t* src, size_t pixels, float ratioX, float ratioY,
+                  short col, short row, int width);
 
 // Composes one 86400-byte 12-bit frame of `eye` (its images, offsets-free centre,
 // scales and lid lines as given) into `out`. Reads the eye's image pointers and fill
