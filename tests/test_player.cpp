@@ -19,6 +19,7 @@
 #include "EyeEvent.h"
 #include "EyeTestSupport.h"
 #include "LcdControl.h"
+#include "WorkerSupport.h"
 
 // Commands racing the player on purpose (see tsan.supp) are matched by the command's
 // stack, which ThreadSanitizer keeps only with a longer history.
@@ -29,41 +30,9 @@ extern "C" const char* __tsan_default_options() {
 namespace {
 
 using namespace std::chrono_literals;
-
-// Records the notifications the worker sends.
-class Recorder : public EyeEventListener {
- public:
-  enum Kind { START, COMPLETE, ABORT };
-  struct Event {
-    Kind kind;
-    unsigned short id;
-    bool operator==(const Event& o) const { return kind == o.kind && id == o.id; }
-  };
-
-  void onEyeStart(unsigned short id) override { add({START, id}); }
-  void onEyeComplete(unsigned short id) override { add({COMPLETE, id}); }
-  void onEyeAbort(unsigned short id) override { add({ABORT, id}); }
-
-  std::vector<Event> events() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
-  // Waits (bounded) until `n` notifications have arrived.
-  bool waitForCount(size_t n, std::chrono::milliseconds limit = 5000ms) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return events_.size() >= n; });
-  }
-
- private:
-  void add(Event e) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(e);
-    changed_.notify_all();
-  }
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Event> events_;
-};
+using eyetest::Recorder;
+using eyetest::stopWorker;
+using eyetest::waitUntil;
 
 // Panel order of every frame written, to see which eye was redrawn when.
 class PanelLog : public LcdOutput {
@@ -96,26 +65,6 @@ class PanelLog : public LcdOutput {
     return l;
   }
 };
-
-bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5000ms) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
-
-// Never leaves a worker behind for the next test, nor hangs on one that cannot end.
-void stopWorker() {
-  if (EyeControl::active_type == BLOCK_EYE_ANIMATION)
-    if (auto animation = std::atomic_load(&EyeControl::active_animation))
-      animation->state = AnimationState::ABORTING;
-  if (!waitUntil([] { return !EyeControl::isAnimating(); })) {
-    ADD_FAILURE() << "the worker did not end";
-    EyeControl::is_processing = false;
-  }
-}
 
 // A keyframe at (x, y) with natural scale and open lids on lid image 0.
 moveEvent key(short x, short y, short timeMs, short wait, short topLid = 0, short botLid = 0) {

@@ -1,0 +1,80 @@
+// Shared by the worker tests: a listener that records notifications, bounded waits,
+// and stopping whatever worker a test left running.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "EyeControl.h"
+#include "EyeEvent.h"
+
+namespace eyetest {
+
+using namespace std::chrono_literals;
+
+class Recorder : public EyeEventListener {
+ public:
+  enum Kind { START, COMPLETE, ABORT };
+  struct Event {
+    Kind kind;
+    unsigned short id;
+    bool operator==(const Event& o) const { return kind == o.kind && id == o.id; }
+  };
+
+  void onEyeStart(unsigned short id) override { add({START, id}); }
+  void onEyeComplete(unsigned short id) override { add({COMPLETE, id}); }
+  void onEyeAbort(unsigned short id) override { add({ABORT, id}); }
+
+  std::vector<Event> events() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+  bool waitForCount(size_t n, std::chrono::milliseconds limit = 5000ms) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return events_.size() >= n; });
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.clear();
+  }
+
+ private:
+  void add(Event e) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(e);
+    changed_.notify_all();
+  }
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Event> events_;
+};
+
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds limit = 5000ms) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// Never leaves a worker behind for the next test, nor hangs on one that cannot end.
+inline void stopWorker() {
+  if (EyeControl::active_type == BLOCK_EYE_ANIMATION)
+    if (auto animation = std::atomic_load(&EyeControl::active_animation))
+      animation->state = AnimationState::ABORTING;
+  if (!waitUntil([] { return !EyeControl::isAnimating(); })) {
+    ADD_FAILURE() << "the worker did not end";
+    EyeControl::is_processing = false;
+  }
+}
+
+}  // namespace eyetest
