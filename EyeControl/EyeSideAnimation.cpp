@@ -3,24 +3,14 @@
 #include <cmath>
 #include <cstdint>
 
+#include "Truncate.h"
+
+using eyemath::toShort;
+
 namespace {
 
 constexpr double kDegreesPerRadian = 57.29577951308232;
 constexpr double kPi = 3.141592653589793;
-
-// double -> 16 bits: truncate toward zero, saturate to 32 bits (NaN gives 0), keep
-// the low 16 bits, as the robot's CPU converts.
-short toShort(double value) {
-  if (std::isnan(value)) return 0;
-  int32_t whole;
-  if (value >= 2147483647.0)
-    whole = INT32_MAX;
-  else if (value <= -2147483648.0)
-    whole = INT32_MIN;
-  else
-    whole = static_cast<int32_t>(value);
-  return static_cast<short>(static_cast<uint16_t>(static_cast<uint32_t>(whole)));
-}
 
 // Polar angle (radians) of the event's target about the eye centre.
 double targetAngle(const moveEvent& e) {

@@ -3,23 +3,9 @@
 #include <cmath>
 #include <cstdint>
 
-namespace {
+#include "Truncate.h"
 
-// double -> 16 bits the way the robot's CPU does it: truncate toward zero,
-// saturate to 32 bits (NaN gives 0), keep the low 16 bits.
-short toShort(double value) {
-  if (std::isnan(value)) return 0;
-  int32_t whole;
-  if (value >= 2147483647.0)
-    whole = INT32_MAX;
-  else if (value <= -2147483648.0)
-    whole = INT32_MIN;
-  else
-    whole = static_cast<int32_t>(value);
-  return static_cast<short>(static_cast<uint16_t>(static_cast<uint32_t>(whole)));
-}
-
-}  // namespace
+using eyemath::toShort;
 
 moveEvent::moveEvent(short x, short y, short timeMs, short wait, float scaleX, float scaleY,
                      double frameMs, short lidTopY, short lidBotY, short topLidIndex,
