@@ -25,24 +25,7 @@ using namespace std::chrono_literals;
 using eyetest::Recorder;
 using eyetest::stopWorker;
 using eyetest::waitUntil;
-
-// Puts the eye somewhere a position block never leaves it: scaled, lids half shut.
-void wireEye(Eyes& eye, short x, short y) {
-  eye.iris = eye.isLeft ? &EyeControl::default_iris.left : &EyeControl::default_iris.right;
-  eye.background =
-      eye.isLeft ? &EyeControl::default_background.left : &EyeControl::default_background.right;
-  eye.lidImages = &EyeControl::lid_images;
-  eye.topLid = eye.bottomLid = &EyeControl::lid_images[0].content;
-  eye.topLidColor = eye.bottomLidColor = EyeControl::lid_images[0].color;
-  eye.offsetX = eye.offsetY = 0;
-  eye.irisSeq = eye.topLidSeq = eye.bottomLidSeq = eye.backgroundSeq = SequenceState{};
-  eye.irisX = x;
-  eye.irisY = y;
-  eye.scaleX = eye.scaleY = 2.0f;
-  eye.topLidY = 30;
-  eye.bottomLidY = 200;
-  eye.topLidIndex = eye.bottomLidIndex = 0;
-}
+using eyetest::wireEye;
 
 std::shared_ptr<BlockEye> positionBlock(EyeSide side, std::vector<EyePosition> positions) {
   auto block = std::make_shared<BlockEye>(BLOCK_EYE_POSITION);
@@ -79,8 +62,9 @@ class EyeBlockTest : public ::testing::Test {
     EyeControl::lid_images[0].content.AddFrame("", 240, 40, true, true, 200, 0, 0, 255);
     EyeControl::lid_images[0].color[3] = 255;
 
-    wireEye(EyeControl::Left_Eye, 100, 140);
-    wireEye(EyeControl::Right_Eye, 140, 140);
+    // Somewhere a position block never leaves the eyes: scaled, lids half shut.
+    wireEye(EyeControl::Left_Eye, 100, 140, 2.0f, 30, 200);
+    wireEye(EyeControl::Right_Eye, 140, 140, 2.0f, 30, 200);
     LcdControl::resetCounters();
     EyeEvent::AddListener(&recorder_, false);
   }

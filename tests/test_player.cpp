@@ -33,6 +33,7 @@ using namespace std::chrono_literals;
 using eyetest::Recorder;
 using eyetest::stopWorker;
 using eyetest::waitUntil;
+using eyetest::wireEye;
 
 // Panel order of every frame written, to see which eye was redrawn when.
 class PanelLog : public LcdOutput {
@@ -78,23 +79,6 @@ std::shared_ptr<EyeAnimation> makeAnimation(uint16_t id, const std::string& name
   animation->left.events = std::move(left);
   animation->right.events = std::move(right);
   return animation;
-}
-
-void wireEye(Eyes& eye, short x, short y) {
-  eye.iris = eye.isLeft ? &EyeControl::default_iris.left : &EyeControl::default_iris.right;
-  eye.background =
-      eye.isLeft ? &EyeControl::default_background.left : &EyeControl::default_background.right;
-  eye.lidImages = &EyeControl::lid_images;
-  eye.topLid = eye.bottomLid = &EyeControl::lid_images[0].content;
-  eye.topLidColor = eye.bottomLidColor = EyeControl::lid_images[0].color;
-  eye.offsetX = eye.offsetY = 0;
-  eye.irisSeq = eye.topLidSeq = eye.bottomLidSeq = eye.backgroundSeq = SequenceState{};
-  eye.irisX = x;
-  eye.irisY = y;
-  eye.scaleX = eye.scaleY = 1.0f;
-  eye.topLidY = 0;
-  eye.bottomLidY = 240;
-  eye.topLidIndex = eye.bottomLidIndex = 0;
 }
 
 class PlayerTest : public ::testing::Test {

@@ -77,4 +77,24 @@ inline void stopWorker() {
   }
 }
 
+// Points the eye at the default parts and the first catalogue lid, at (x, y) with the
+// given scale and lid lines.
+inline void wireEye(Eyes& eye, short x, short y, float scale = 1.0f, short topLidY = 0,
+                    short bottomLidY = 240) {
+  eye.iris = eye.isLeft ? &EyeControl::default_iris.left : &EyeControl::default_iris.right;
+  eye.background =
+      eye.isLeft ? &EyeControl::default_background.left : &EyeControl::default_background.right;
+  eye.lidImages = &EyeControl::lid_images;
+  eye.topLid = eye.bottomLid = &EyeControl::lid_images[0].content;
+  eye.topLidColor = eye.bottomLidColor = EyeControl::lid_images[0].color;
+  eye.offsetX = eye.offsetY = 0;
+  eye.irisSeq = eye.topLidSeq = eye.bottomLidSeq = eye.backgroundSeq = SequenceState{};
+  eye.irisX = x;
+  eye.irisY = y;
+  eye.scaleX = eye.scaleY = scale;
+  eye.topLidY = topLidY;
+  eye.bottomLidY = bottomLidY;
+  eye.topLidIndex = eye.bottomLidIndex = 0;
+}
+
 }  // namespace eyetest
