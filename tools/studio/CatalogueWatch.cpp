@@ -1,0 +1,104 @@
+#include "CatalogueWatch.h"
+
+#include <tinyxml2.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
+#include "EyeControl.h"
+#include "LoadEyeAnimations.h"
+#include "VContent.h"
+
+namespace fs = std::filesystem;
+
+namespace studio {
+
+namespace {
+
+constexpr const char* kCatalogues[] = {"eyeanimations.xml", "background_type.xml", "eyelid.xml",
+                                       "iris_type.xml"};
+
+// Runs one of the library's readers on `path`; a reader stops with an exception
+// when a required attribute is missing.
+void readWith(int catalogue, const std::string& path) {
+  switch (catalogue) {
+    case 0:
+      LoadEyeAnimations::get_Animations(path.c_str());
+      break;
+    case 1:
+      EyeControl::getBackgroundTypes(path.c_str());
+      break;
+    case 2:
+      EyeControl::get_LidImages(path.c_str());
+      break;
+    default:
+      EyeControl::getIrisTypes(path.c_str());
+      break;
+  }
+}
+
+}  // namespace
+
+CatalogueWatch::CatalogueWatch(std::string dir) : dir_(std::move(dir)) {
+  if (!dir_.empty() && dir_.back() != '/') dir_ += '/';
+}
+
+std::map<std::string, CatalogueWatch::Stamp> CatalogueWatch::scan() const {
+  std::map<std::string, Stamp> stamps;
+  std::error_code error;
+  // Files being written or removed while we look are picked up by the next scan.
+  for (fs::recursive_directory_iterator it(dir_, error), end; !error && it != end;
+       it.increment(error)) {
+    std::error_code statError;
+    if (!it->is_regular_file(statError)) continue;
+    Stamp stamp;
+    stamp.modified = it->last_write_time(statError).time_since_epoch().count();
+    stamp.size = it->file_size(statError);
+    if (!statError) stamps[it->path().string()] = stamp;
+  }
+  return stamps;
+}
+
+bool CatalogueWatch::changed() {
+  auto stamps = scan();
+  const bool result = first_ || stamps.size() != stamps_.size() || [&] {
+    for (const auto& [path, stamp] : stamps) {
+      const auto known = stamps_.find(path);
+      if (known == stamps_.end() || known->second != stamp) return true;
+    }
+    return false;
+  }();
+  first_ = false;
+  stamps_ = std::move(stamps);
+  return result;
+}
+
+std::vector<Finding> CatalogueWatch::check() const {
+  std::vector<Finding> findings;
+  // Relative image paths in the catalogues are taken from the directory.
+  VContent::setBaseDirectory(dir_);
+  for (int catalogue = 0; catalogue < 4; ++catalogue) {
+    const std::string name = kCatalogues[catalogue];
+    const std::string path = dir_ + name;
+    tinyxml2::XMLDocument doc;
+    if (doc.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) {
+      findings.push_back({name, doc.ErrorID() == tinyxml2::XML_ERROR_FILE_NOT_FOUND
+                                    ? "file not found"
+                                    : doc.ErrorStr()});
+      continue;
+    }
+    if (doc.FirstChildElement("List") == nullptr) {
+      findings.push_back({name, "no <List> root element"});
+      continue;
+    }
+    try {
+      readWith(catalogue, path);
+    } catch (const std::exception& e) {
+      findings.push_back({name, std::string("a required attribute is missing (") + e.what() + ")"});
+    }
+  }
+  return findings;
+}
+
+}  // namespace studio

@@ -1,0 +1,46 @@
+// Watches a catalogue directory and checks its catalogues before they are loaded.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace studio {
+
+struct Finding {
+  std::string file;  // file name within the directory
+  std::string message;
+};
+
+class CatalogueWatch {
+ public:
+  explicit CatalogueWatch(std::string dir);
+
+  // True when a file under the directory appeared, vanished or was rewritten since
+  // the last call (the first call reports a change).
+  bool changed();
+
+  // Reads the four catalogues into scratch copies, so a file that the library
+  // cannot read is reported here instead of replacing what is loaded. Empty when
+  // all four can be loaded.
+  std::vector<Finding> check() const;
+
+  const std::string& dir() const { return dir_; }
+
+ private:
+  struct Stamp {
+    int64_t modified = 0;
+    uintmax_t size = 0;
+    bool operator!=(const Stamp& other) const {
+      return modified != other.modified || size != other.size;
+    }
+  };
+  std::map<std::string, Stamp> scan() const;
+
+  std::string dir_;
+  std::map<std::string, Stamp> stamps_;
+  bool first_ = true;
+};
+
+}  // namespace studio

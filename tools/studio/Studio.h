@@ -1,0 +1,44 @@
+// The eye studio: a local web page that shows both eyes live and steers them
+// while catalogues are being edited.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+struct StudioOptions {
+  std::string configDir;                        // the four catalogues and their images
+  std::string host = "127.0.0.1";               // loopback only unless asked otherwise
+  int port = 8765;                              // 0 picks a free port
+  std::chrono::milliseconds pollInterval{500};  // how often the directory is looked at
+};
+
+class Studio {
+ public:
+  explicit Studio(StudioOptions options);
+  ~Studio();
+  Studio(const Studio&) = delete;
+  Studio& operator=(const Studio&) = delete;
+
+  // Brings the eyes up from the catalogues (or records why it cannot yet), binds
+  // the port and serves and watches on threads of its own. The port bound, or -1.
+  int start();
+  // Blocks until stop() is called.
+  void wait();
+  void stop();
+
+  // Re-reads the catalogues when a file in the directory changed. The watcher calls
+  // it; a caller that just wrote a file can call it to see the result at once.
+  void reloadIfChanged();
+
+  struct Impl;
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+// Runs the studio until the process is stopped; prints the address to open.
+int runStudio(const StudioOptions& options);
+
+// The page, built into the program.
+extern const char* const kStudioPage;

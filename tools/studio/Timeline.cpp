@@ -1,0 +1,78 @@
+#include "Timeline.h"
+
+#include "EyeControl.h"
+
+namespace studio {
+
+EyePose EyePose::of(const Eyes& eye) {
+  return {eye.getIrisX(),  eye.getIrisY(),   eye.getScaleX(),
+          eye.getScaleY(), eye.getTopLidY(), eye.getBottomLidY()};
+}
+
+namespace {
+
+// Advances one track by a frame the way the player does; false once it has ended.
+bool advance(EyeSideAnimation& track, TrackFrame& out) {
+  if (track.events.empty() || track.finished) return false;
+  const int event = track.current_event;
+  const moveEvent& current = track.events[track.current_event];
+  short xy[2];
+  float scale[2];
+  short lid[2];
+  EyePose& p = out.pose;
+  if (!track.calculateXY(p.x, p.y, xy, p.scaleX, p.scaleY, scale, p.topLidY, p.bottomLidY, lid))
+    return false;
+  out.event = event;
+  out.topLidIndex = current.top_lid_index;
+  out.bottomLidIndex = current.bot_lid_index;
+  p = {xy[0], xy[1], scale[0], scale[1], lid[0], lid[1]};
+  return true;
+}
+
+}  // namespace
+
+std::vector<TimelineFrame> buildTimeline(const EyeAnimation& animation, EyePose left,
+                                         EyePose right) {
+  EyeAnimation copy(animation);
+  copy.ClearAnimation();
+  std::vector<TimelineFrame> frames;
+  TimelineFrame frame;
+  frame.left.pose = left;
+  frame.right.pose = right;
+  for (;;) {
+    const bool leftMoved = advance(copy.left, frame.left);
+    const bool rightMoved = advance(copy.right, frame.right);
+    if (!leftMoved) frame.left.event = -1;
+    if (!rightMoved) frame.right.event = -1;
+    if (!leftMoved && !rightMoved) break;
+    frames.push_back(frame);
+  }
+  return frames;
+}
+
+namespace {
+
+void showTrack(const TrackFrame& track, bool left) {
+  const EyeSide side = left ? EyeSide::LEFT : EyeSide::RIGHT;
+  const auto lids = EyeControl::lid_images.size();
+  // Lid images as the player picks them: an index outside the catalogue keeps the lid.
+  const Eyes& eye = left ? EyeControl::Left_Eye : EyeControl::Right_Eye;
+  const auto valid = [&](short index) { return index >= 0 && static_cast<size_t>(index) < lids; };
+  const unsigned short top = valid(track.topLidIndex) ? track.topLidIndex : eye.topLidIndex;
+  const unsigned short bottom =
+      valid(track.bottomLidIndex) ? track.bottomLidIndex : eye.bottomLidIndex;
+  if (top != eye.topLidIndex || bottom != eye.bottomLidIndex) EyeControl::setLid(top, bottom, side);
+  const EyePose& p = track.pose;
+  EyeControl::SetEyePosition(left, p.x, p.y, p.scaleX, p.scaleY,
+                             static_cast<unsigned char>(p.topLidY),
+                             static_cast<unsigned char>(p.bottomLidY));
+}
+
+}  // namespace
+
+void showFrame(const TimelineFrame& frame) {
+  showTrack(frame.left, true);
+  showTrack(frame.right, false);
+}
+
+}  // namespace studio
