@@ -1,0 +1,192 @@
+// The studio's HTTP endpoints against the real library, on a copy of the bundled set.
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "EyeControl.h"
+#include "LcdControl.h"
+#include "Studio.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+// One animation whose end pose differs from the rest pose on every value.
+std::string catalogue(const std::string& extraName) {
+  const char* event =
+      R"(<Event X="%d" Y="%d" TimeMs="160" Wait="40" ScaleX="1.2" ScaleY="0.9" LidTopY="40" )"
+      R"(LidBotY="200" TopLidIndex="0" BotLidIndex="1" RotateAngle="0" Ellipse_H="0"/>)";
+  char left[256];
+  char right[256];
+  std::snprintf(left, sizeof left, event, 60, 100);
+  std::snprintf(right, sizeof right, event, 180, 90);
+  std::string xml = "<List>";
+  for (const std::string& name : {std::string("drift"), extraName}) {
+    if (name.empty()) continue;
+    xml += "<Animation Id=\"1\" Name=\"" + name + "\" Categories=\"MISC\">" +
+           "<AnimationSide Side=\"Left\">" + left + "</AnimationSide>" +
+           "<AnimationSide Side=\"Right\">" + right + right + "</AnimationSide></Animation>";
+  }
+  return xml + "</List>";
+}
+
+class StudioTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    dir_ = fs::temp_directory_path() / ("studio-test-" + std::to_string(::getpid()));
+    fs::remove_all(dir_);
+    fs::copy(EYE_ASSETS_DIR, dir_, fs::copy_options::recursive);
+    write("eyeanimations.xml", catalogue(""));
+    StudioOptions options;
+    options.configDir = dir_.string();
+    options.port = 0;
+    options.pollInterval = std::chrono::hours(1);  // the tests reload explicitly
+    studio_ = new Studio(options);
+    port_ = studio_->start();
+    ASSERT_GT(port_, 0);
+  }
+  static void TearDownTestSuite() {
+    delete studio_;
+    fs::remove_all(dir_);
+  }
+
+  static void write(const std::string& name, const std::string& text) {
+    std::ofstream(dir_ / name) << text;
+  }
+
+  httplib::Result post(const std::string& path, const std::string& form) {
+    return client_.Post(path.c_str(), form, "application/x-www-form-urlencoded");
+  }
+  json get(const std::string& path) {
+    auto res = client_.Get(path.c_str());
+    EXPECT_TRUE(res && res->status == 200) << path;
+    return res ? json::parse(res->body) : json();
+  }
+  // Polls the state until `done` holds; gives up after a few seconds.
+  json waitForState(const std::function<bool(const json&)>& done) {
+    json state;
+    for (int i = 0; i < 500; ++i) {
+      state = get("/api/state");
+      if (done(state)) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return state;
+  }
+  static bool completed(const json& state, const std::string& name) {
+    for (const auto& e : state["events"])
+      if (e["kind"] == "complete" && e["name"] == name) return true;
+    return false;
+  }
+
+  static fs::path dir_;
+  static Studio* studio_;
+  static int port_;
+  httplib::Client client_{"127.0.0.1", port_};
+};
+
+fs::path StudioTest::dir_;
+Studio* StudioTest::studio_ = nullptr;
+int StudioTest::port_ = 0;
+
+TEST_F(StudioTest, BadRequestsAreRefusedWithAReason) {
+  struct Case {
+    const char* path;
+    const char* form;
+    int status;
+  };
+  const Case cases[] = {
+      {"/api/play", "", 400},
+      {"/api/play", "name=no_such_animation", 404},
+      {"/api/iris", "shape=CLASSIC", 400},
+      {"/api/iris", "shape=NOT_A_SHAPE&style=RED", 404},
+      {"/api/iris", "shape=CLASSIC&style=NO_SUCH_STYLE", 404},
+      {"/api/background", "type=IMAGE&style=NO_SUCH_STYLE", 404},
+      {"/api/lids", "top=0&bottom=9999", 400},
+      {"/api/lids", "top=-1&bottom=0", 400},
+      {"/api/position", "side=both&x=0&y=0", 400},
+      {"/api/position", "side=left&x=251&y=0", 400},
+      {"/api/position", "side=left&x=12abc&y=0", 400},
+      {"/api/step", "frame=0", 409},  // nothing played yet
+      {"/api/pause", "", 409},
+      {"/api/no_such_endpoint", "", 404},
+  };
+  for (const Case& c : cases) {
+    auto res = post(c.path, c.form);
+    ASSERT_TRUE(res) << c.path;
+    EXPECT_EQ(res->status, c.status) << c.path << " " << c.form;
+    EXPECT_FALSE(json::parse(res->body).value("error", "").empty()) << c.path << " " << c.form;
+  }
+  auto res = client_.Get("/api/frame?after=many");
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 400);
+  EXPECT_TRUE(get("/api/state")["up"].get<bool>());
+}
+
+TEST_F(StudioTest, SteppingToTheLastFrameShowsWhatPlayingDrew) {
+  const json started = json::parse(post("/api/play", "name=drift")->body);
+  const int frames = started["frames"];
+  ASSERT_GT(frames, 2);
+  const json state = waitForState([](const json& s) { return completed(s, "drift"); });
+  ASSERT_TRUE(completed(state, "drift"));
+  EXPECT_GT(state["frameCounter"].get<int>(), 2);  // more than the start-up frames
+
+  const auto pose = [](const Eyes& e) {
+    return std::make_tuple(e.getIrisX(), e.getIrisY(), e.getScaleX(), e.getScaleY(), e.getTopLidY(),
+                           e.getBottomLidY());
+  };
+  const auto playedLeft = pose(EyeControl::Left_Eye);
+  const auto playedRight = pose(EyeControl::Right_Eye);
+  const auto playedFrame = LcdControl::lastFrame(1);
+
+  const json first = json::parse(post("/api/step", "frame=0")->body);
+  EXPECT_EQ(first["left"]["event"], 0);
+  EXPECT_NE(pose(EyeControl::Left_Eye), playedLeft);
+
+  const json last = json::parse(post("/api/step", "frame=" + std::to_string(frames - 1))->body);
+  EXPECT_EQ(last["left"]["event"], -1);  // the left track is one event shorter
+  EXPECT_EQ(last["right"]["event"], 1);
+  EXPECT_EQ(pose(EyeControl::Left_Eye), playedLeft);
+  EXPECT_EQ(pose(EyeControl::Right_Eye), playedRight);
+  EXPECT_EQ(LcdControl::lastFrame(1), playedFrame);
+  EXPECT_EQ(get("/api/state")["stepFrame"], frames - 1);
+}
+
+TEST_F(StudioTest, ABrokenCatalogueIsReportedAndTheLoadedOneStays) {
+  const auto generation = get("/api/state")["generation"].get<int>();
+  const auto findingsFor = [&] {
+    studio_->reloadIfChanged();
+    return get("/api/state")["findings"];
+  };
+
+  write("eyeanimations.xml", "<List><Animation Id=\"1\" Name=\"drift\"");
+  json findings = findingsFor();
+  ASSERT_EQ(findings.size(), 1u);
+  EXPECT_EQ(findings[0]["file"], "eyeanimations.xml");
+
+  // Well-formed, but an animation without its required name.
+  write("eyeanimations.xml", "<List><Animation Id=\"1\" Categories=\"MISC\"/></List>");
+  findings = findingsFor();
+  ASSERT_EQ(findings.size(), 1u);
+  EXPECT_NE(findings[0]["message"].get<std::string>().find("required"), std::string::npos);
+
+  // The previous catalogue still plays.
+  EXPECT_EQ(post("/api/play", "name=drift")->status, 200);
+  EXPECT_EQ(get("/api/state")["generation"], generation);
+
+  write("eyeanimations.xml", catalogue("drift_again"));
+  EXPECT_TRUE(findingsFor().empty());
+  const json cat = get("/api/catalogue");
+  ASSERT_EQ(cat["animations"].size(), 2u);
+  EXPECT_EQ(cat["animations"][1]["name"], "drift_again");
+  EXPECT_EQ(cat["animations"][1]["lengthMs"], cat["animations"][0]["lengthMs"]);
+  EXPECT_EQ(cat["generation"], generation + 1);
+  EXPECT_EQ(post("/api/play", "name=drift_again")->status, 200);
+}
+
+}  // namespace
