@@ -46,14 +46,18 @@ class FrameHub {
   std::pair<uint64_t, std::string> next(uint64_t after) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, kLongPoll, [&] { return counter_ > after || closed_; });
+    // Unpacked after unlocking, so the eyes never wait for a page.
+    const auto frames = frames_;
+    const uint64_t counter = counter_;
+    lock.unlock();
     std::string body;
     body.reserve(2 * 240 * 240 * 3);
-    for (const auto& frame : frames_) {
+    for (const auto& frame : frames) {
       std::vector<uint8_t> rgb = frame.empty() ? std::vector<uint8_t>(240 * 240 * 3)
                                                : LcdControl::unpack12Bit(frame.data());
       body.append(rgb.begin(), rgb.end());
     }
-    return {counter_, std::move(body)};
+    return {counter, std::move(body)};
   }
 
   uint64_t counter() {
