@@ -44,13 +44,12 @@ after(async () => {
 });
 
 // Sum of the left eye's true-size canvas, to notice any change of the picture.
-const leftChecksum = () =>
-  page.evaluate(() => {
-    const d = document.getElementById("eye0").getContext("2d").getImageData(0, 0, 240, 240).data;
-    let sum = 0;
-    for (let i = 0; i < d.length; i += 7) sum = (sum * 31 + d[i]) % 1000000007;
-    return sum;
-  });
+const leftChecksum = `(() => {
+  const d = document.getElementById("eye0").getContext("2d").getImageData(0, 0, 240, 240).data;
+  let sum = 0;
+  for (let i = 0; i < d.length; i += 7) sum = (sum * 31 + d[i]) % 1000000007;
+  return sum;
+})()`;
 
 // Waits until the left canvas shows `channel` clearly strongest in the iris, off the pupil.
 async function waitForIrisChannel(channel) {
@@ -79,14 +78,8 @@ test("plays, recolours and follows catalogue edits", { timeout: 120000 }, async 
   await page.waitForFunction(() => Number(document.getElementById("frameCounter").textContent) > 0, null, wait);
 
   // Playing changes the picture while it runs, and its completion is listed.
-  const still = await leftChecksum();
-  const changed = page.waitForFunction(
-    (still) => {
-      const d = document.getElementById("eye0").getContext("2d").getImageData(0, 0, 240, 240).data;
-      let sum = 0;
-      for (let i = 0; i < d.length; i += 7) sum = (sum * 31 + d[i]) % 1000000007;
-      return sum !== still;
-    }, still, wait);
+  const still = await page.evaluate(leftChecksum);
+  const changed = page.waitForFunction(`${leftChecksum} !== ${still}`, null, wait);
   await playAndComplete("look_left");
   await changed;
 

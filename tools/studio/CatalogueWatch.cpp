@@ -19,22 +19,18 @@ namespace {
 constexpr const char* kCatalogues[] = {"eyeanimations.xml", "background_type.xml", "eyelid.xml",
                                        "iris_type.xml"};
 
-// Runs one of the library's readers on `path`; a reader stops with an exception
-// when a required attribute is missing.
-void readWith(int catalogue, const std::string& path) {
+// Runs one of the library's readers on `path` and counts the entries it read; a
+// reader stops with an exception when a required attribute is missing.
+size_t readWith(int catalogue, const std::string& path) {
   switch (catalogue) {
     case 0:
-      LoadEyeAnimations::get_Animations(path.c_str());
-      break;
+      return LoadEyeAnimations::get_Animations(path.c_str()).size();
     case 1:
-      EyeControl::getBackgroundTypes(path.c_str());
-      break;
+      return EyeControl::getBackgroundTypes(path.c_str()).size();
     case 2:
-      EyeControl::get_LidImages(path.c_str());
-      break;
+      return EyeControl::get_LidImages(path.c_str()).size();
     default:
-      EyeControl::getIrisTypes(path.c_str());
-      break;
+      return EyeControl::getIrisTypes(path.c_str()).size();
   }
 }
 
@@ -76,8 +72,9 @@ bool CatalogueWatch::changed() {
 
 std::vector<Finding> CatalogueWatch::check() const {
   std::vector<Finding> findings;
-  // Relative image paths in the catalogues are taken from the directory.
-  VContent::setBaseDirectory(dir_);
+  // Relative image paths in the catalogues are taken from the directory. Set only
+  // when it differs, since a playing animation may be reading it.
+  if (VContent::baseDirectory() != dir_) VContent::setBaseDirectory(dir_);
   for (int catalogue = 0; catalogue < 4; ++catalogue) {
     const std::string name = kCatalogues[catalogue];
     const std::string path = dir_ + name;
@@ -93,7 +90,9 @@ std::vector<Finding> CatalogueWatch::check() const {
       continue;
     }
     try {
-      readWith(catalogue, path);
+      // The eyes always show some lid image, so they need at least one.
+      if (readWith(catalogue, path) == 0 && catalogue == 2)
+        findings.push_back({name, "no eyelid images: the eyes need at least one"});
     } catch (const std::exception& e) {
       findings.push_back({name, std::string("a required attribute is missing (") + e.what() + ")"});
     }

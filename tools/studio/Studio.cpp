@@ -249,13 +249,20 @@ void Studio::Impl::reload() {
 // iris and background are read again so that edited images show.
 void Studio::Impl::wireAfterReload() {
   const size_t lids = EyeControl::lid_images.size();
-  for (const bool left : {true, false}) {
-    const Eyes& eye = left ? EyeControl::Left_Eye : EyeControl::Right_Eye;
-    const unsigned short top = eye.topLidIndex < lids ? eye.topLidIndex : 0;
-    const unsigned short bottom =
-        eye.bottomLidIndex < lids ? eye.bottomLidIndex : static_cast<unsigned short>(lids > 1);
-    EyeControl::setLid(top, bottom, left ? EyeSide::LEFT : EyeSide::RIGHT);
+  unsigned short top[2];
+  unsigned short bottom[2];
+  Eyes* eyes[2] = {&EyeControl::Left_Eye, &EyeControl::Right_Eye};
+  // Both eyes first: a redraw of either must not meet the other's stale lids.
+  for (int i = 0; i < 2; ++i) {
+    top[i] = eyes[i]->topLidIndex < lids ? eyes[i]->topLidIndex : 0;
+    bottom[i] = eyes[i]->bottomLidIndex < lids ? eyes[i]->bottomLidIndex
+                                               : static_cast<unsigned short>(lids > 1);
+    studio::pointLidColours(*eyes[i], top[i], bottom[i]);
+    eyes[i]->topLid = &EyeControl::lid_images[top[i]].content;
+    eyes[i]->bottomLid = &EyeControl::lid_images[bottom[i]].content;
   }
+  EyeControl::setLid(top[0], bottom[0], EyeSide::LEFT);
+  EyeControl::setLid(top[1], bottom[1], EyeSide::RIGHT);
   EyePart part;
   if (EyeControl::getIris(IrisType::getShape(irisShape), irisStyle, part) == 0)
     EyeControl::setIris(part, EyeSide::BOTH);
@@ -462,6 +469,9 @@ void Studio::Impl::routes() {
                 const long highest = static_cast<long>(EyeControl::lid_images.size()) - 1;
                 const long top = numberParam(req, "top", 0, highest);
                 const long bottom = numberParam(req, "bottom", 0, highest);
+                for (Eyes* eye : {&EyeControl::Left_Eye, &EyeControl::Right_Eye})
+                  studio::pointLidColours(*eye, static_cast<unsigned short>(top),
+                                          static_cast<unsigned short>(bottom));
                 EyeControl::setLid(static_cast<unsigned short>(top),
                                    static_cast<unsigned short>(bottom), EyeSide::BOTH);
                 return json::object();

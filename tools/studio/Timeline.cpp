@@ -56,7 +56,7 @@ void showTrack(const TrackFrame& track, bool left) {
   const EyeSide side = left ? EyeSide::LEFT : EyeSide::RIGHT;
   const auto lids = EyeControl::lid_images.size();
   // Lid images as the player picks them: an index outside the catalogue keeps the lid.
-  const Eyes& eye = left ? EyeControl::Left_Eye : EyeControl::Right_Eye;
+  Eyes& eye = left ? EyeControl::Left_Eye : EyeControl::Right_Eye;
   const auto valid = [&](short index) { return index >= 0 && static_cast<size_t>(index) < lids; };
   const unsigned short top = valid(track.topLidIndex) ? track.topLidIndex : eye.topLidIndex;
   const unsigned short bottom =
@@ -69,6 +69,11 @@ void showTrack(const TrackFrame& track, bool left) {
 }
 
 }  // namespace
+
+void pointLidColours(Eyes& eye, unsigned short top, unsigned short bottom) {
+  eye.topLidColor = EyeControl::lid_images[top].color;
+  eye.bottomLidColor = EyeControl::lid_images[bottom].color;
+}
 
 void showFrame(const TimelineFrame& frame) {
   showTrack(frame.left, true);
