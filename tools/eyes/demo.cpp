@@ -132,8 +132,8 @@ int runDemo(const std::string& configDir, const std::string& outDir) {
     std::fprintf(stderr, "eyes demo: cannot create %s: %s\n", outDir.c_str(), ec.message().c_str());
     return kExitUsage;
   }
-  if (std::string error = bringUpEyes(configDir); !error.empty()) {
-    std::fprintf(stderr, "eyes demo: %s\n", error.c_str());
+  if (const BringUp up = bringUpEyes(configDir); !up.ok()) {
+    std::fprintf(stderr, "eyes demo: %s\n", up.problem.c_str());
     return kExitProblems;
   }
 

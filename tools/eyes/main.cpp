@@ -20,10 +20,14 @@ std::string bundledConfigDir() {
 }
 
 int runRender(const RenderRequest& request) {
-  if (std::string error = bringUpEyes(request.configDir, request.iris, request.background);
-      !error.empty()) {
-    std::fprintf(stderr, "eyes render: %s\n", error.c_str());
-    return kExitProblems;
+  if (!std::filesystem::is_directory(request.configDir)) {
+    std::fprintf(stderr, "eyes render: no catalogue directory \"%s\"\n", request.configDir.c_str());
+    return kExitUsage;
+  }
+  if (const BringUp up = bringUpEyes(request.configDir, request.iris, request.background);
+      !up.ok()) {
+    std::fprintf(stderr, "eyes render: %s\n", up.problem.c_str());
+    return up.badArgument ? kExitUsage : kExitProblems;
   }
   auto frames = renderAnimation(request.animation);
   if (!frames) {

@@ -107,8 +107,8 @@ bool writePicture(const std::string& path, const Picture& picture, std::string& 
 
 }  // namespace
 
-std::string bringUpEyes(const std::string& configDir, const std::string& iris,
-                        const std::string& background) {
+BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
+                    const std::string& background) {
   const Settings& settings = Helper::getSettings();
   auto irisChoice =
       std::make_pair(static_cast<IrisShape>(settings.defaultIrisShape), settings.defaultIrisStyle);
@@ -117,12 +117,13 @@ std::string bringUpEyes(const std::string& configDir, const std::string& iris,
   if (!iris.empty()) {
     auto parsed = parseChoice<IrisShape>(iris, 12, IrisType::getName);
     if (!parsed)
-      return "--iris wants SHAPE:STYLE with a shape such as CLASSIC, got \"" + iris + "\"";
+      return {"--iris wants SHAPE:STYLE with a shape such as CLASSIC, got \"" + iris + "\"", true};
     irisChoice = *parsed;
   }
   if (!background.empty()) {
     auto parsed = parseChoice<EyeContentType>(background, 2, BackgroundType::getName);
-    if (!parsed) return "--background wants COLOR:STYLE or IMAGE:STYLE, got \"" + background + "\"";
+    if (!parsed)
+      return {"--background wants COLOR:STYLE or IMAGE:STYLE, got \"" + background + "\"", true};
     backgroundChoice = *parsed;
   }
 
@@ -131,22 +132,31 @@ std::string bringUpEyes(const std::string& configDir, const std::string& iris,
   try {
     const int8_t status = EyeControl::initFrom(configDir, irisChoice.first, irisChoice.second,
                                                backgroundChoice.first, backgroundChoice.second);
-    if (status == -1) return "cannot read the catalogues in " + configDir;
-    if (status < 0) return "the panels did not come up";
+    if (status == -1) return {"cannot read the catalogues in " + configDir};
+    if (status < 0) return {"the panels did not come up"};
   } catch (const std::exception& e) {
-    return "the catalogues in " + configDir + " stop the library (" + e.what() +
-           "); run `eyes lint " + configDir + "`";
+    return {"the catalogues in " + configDir + " stop the library (" + e.what() +
+            "); run `eyes lint " + configDir + "`"};
   }
   // A failed lookup leaves an image without pixels, which nothing can draw.
   if (EyeControl::default_iris.left.frames.empty() || EyeControl::default_iris.right.frames.empty())
-    return "no iris " + IrisType::getName(irisChoice.first) + ":" + irisChoice.second + " in " +
-           configDir;
+    return {"no iris " + IrisType::getName(irisChoice.first) + ":" + irisChoice.second + " in " +
+                configDir,
+            !iris.empty()};
   if (EyeControl::default_background.left.frames.empty() ||
       EyeControl::default_background.right.frames.empty())
-    return "no background " + BackgroundType::getName(backgroundChoice.first) + ":" +
-           backgroundChoice.second + " in " + configDir;
+    return {"no background " + BackgroundType::getName(backgroundChoice.first) + ":" +
+                backgroundChoice.second + " in " + configDir,
+            !background.empty()};
   restPose = {EyeRest::of(EyeControl::Left_Eye), EyeRest::of(EyeControl::Right_Eye)};
   return {};
+}
+
+void restEyes() {
+  if (!restPose) return;
+  (*restPose)[0].restore(EyeControl::Left_Eye);
+  (*restPose)[1].restore(EyeControl::Right_Eye);
+  EyeControl::SetFrames(EyeSide::BOTH);
 }
 
 Frame currentFrame() {
@@ -156,9 +166,7 @@ Frame currentFrame() {
 std::optional<std::vector<Frame>> renderAnimation(const std::string& name) {
   std::shared_ptr<EyeAnimation> animation = EyeControl::getAnimation(name);
   if (!animation || !restPose) return std::nullopt;
-  (*restPose)[0].restore(EyeControl::Left_Eye);
-  (*restPose)[1].restore(EyeControl::Right_Eye);
-  EyeControl::SetFrames(EyeSide::BOTH);
+  restEyes();
 
   std::vector<Frame> frames;
   animation->ClearAnimation();

@@ -12,12 +12,18 @@ class EyeAnimation;
 
 namespace eyes {
 
+// Result of bringing the eyes up: empty `problem` when they are up.
+struct BringUp {
+  std::string problem;
+  bool badArgument = false;  // the problem lies in `iris` / `background`, not the catalogues
+  bool ok() const { return problem.empty(); }
+};
+
 // Brings both eyes up from the catalogues in `configDir`, frames kept in memory.
 // `iris` is "SHAPE:STYLE" and `background` "TYPE:STYLE" (as in iris_type.xml and
-// background_type.xml); empty means the settings' defaults. Returns an empty string,
-// or what went wrong. Call once per process.
-std::string bringUpEyes(const std::string& configDir, const std::string& iris = {},
-                        const std::string& background = {});
+// background_type.xml); empty means the settings' defaults. Call once per process.
+BringUp bringUpEyes(const std::string& configDir, const std::string& iris = {},
+                    const std::string& background = {});
 
 // What the two panels show after one animation frame (12-bit packed, panel 0 = left
 // eye), and which of them were written in that frame.
@@ -29,6 +35,9 @@ struct Frame {
 // Plays `name` from the rest pose the eyes had when brought up, one entry per 40 ms
 // frame. Nothing when the catalogue has no such animation.
 std::optional<std::vector<Frame>> renderAnimation(const std::string& name);
+
+// Puts both eyes back in the pose they had when brought up and redraws them.
+void restEyes();
 
 // The panels as they are now (the rest pose right after bringUpEyes).
 Frame currentFrame();
