@@ -81,6 +81,12 @@ class EyeControl {
   // 0 started, -1 no animation of that name.
   static int8_t setAnimation(unsigned short id, std::string_view name);
   static int8_t processEyeAnimation(unsigned short id);
+  // One frame of `animation` on both eyes, exactly as the player computes and draws it
+  // every 40 ms, but without pacing, listeners or the worker's state. The caller has
+  // rewound the animation (ClearAnimation) and set its state to PLAYING. Returns true
+  // when a frame was computed; false once both tracks have ended, after setting the
+  // state to COMPLETED (nothing is drawn then).
+  static bool stepAnimationFrame(EyeAnimation& animation);
   // Stops the running worker, if any, and returns once it has finished.
   static void Abort();
 

@@ -111,6 +111,34 @@ int8_t EyeControl::setAnimation(unsigned short id, std::string_view name) {
   return 0;
 }
 
+bool EyeControl::stepAnimationFrame(EyeAnimation& animation) {
+  EyeSideAnimation& left = animation.left;
+  EyeSideAnimation& right = animation.right;
+
+  uint8_t leftResult = 2;
+  if (!left.events.empty() && !left.finished) {
+    switchIrisImage(left, default_iris.left);
+    leftResult = Left_Eye.setAnimationFrame(&left, &default_iris.left, &default_background.left);
+  } else if (right.events.empty() || right.finished) {
+    // Unconditional: an abort asked for during this frame is overwritten.
+    animation.state = AnimationState::COMPLETED;
+    return false;
+  }
+
+  uint8_t rightResult = 2;
+  if (!right.events.empty() && !right.finished) {
+    switchIrisImage(right, default_iris.right);
+    rightResult =
+        Right_Eye.setAnimationFrame(&right, &default_iris.right, &default_background.right);
+  }
+
+  if (leftResult == 2 && rightResult == 2) {
+    animation.state = AnimationState::COMPLETED;
+    return false;
+  }
+  return true;
+}
+
 int8_t EyeControl::processEyeAnimation(unsigned short id) {
   // One reference for the whole play: active_animation is released before the
   // listeners run, and a new play may replace it while they do.
@@ -119,33 +147,9 @@ int8_t EyeControl::processEyeAnimation(unsigned short id) {
 
   animation->ClearAnimation();
   animation->state = AnimationState::PLAYING;
-  EyeSideAnimation& left = animation->left;
-  EyeSideAnimation& right = animation->right;
-
   while (animation->state == AnimationState::PLAYING) {
     const int64_t t0 = Helper::clock_ms();
-
-    uint8_t leftResult = 2;
-    if (!left.events.empty() && !left.finished) {
-      switchIrisImage(left, default_iris.left);
-      leftResult = Left_Eye.setAnimationFrame(&left, &default_iris.left, &default_background.left);
-    } else if (right.events.empty() || right.finished) {
-      // Unconditional: an abort asked for during this frame is overwritten.
-      animation->state = AnimationState::COMPLETED;
-      continue;
-    }
-
-    uint8_t rightResult = 2;
-    if (!right.events.empty() && !right.finished) {
-      switchIrisImage(right, default_iris.right);
-      rightResult =
-          Right_Eye.setAnimationFrame(&right, &default_iris.right, &default_background.right);
-    }
-
-    if (leftResult == 2 && rightResult == 2) {
-      animation->state = AnimationState::COMPLETED;
-      continue;
-    }
+    if (!stepAnimationFrame(*animation)) continue;
 
     // The deadline is one millisecond short of the frame period, leaving room for
     // the loop's own work.

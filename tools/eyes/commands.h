@@ -1,0 +1,30 @@
+// The sub-commands of `eyes`. Each returns the process's exit status:
+// 0 fine, 1 problems found, 2 usage or I/O error.
+#pragma once
+
+#include <string>
+
+namespace eyes {
+
+constexpr int kExitOk = 0;
+constexpr int kExitProblems = 1;
+constexpr int kExitUsage = 2;
+
+struct RenderRequest {
+  std::string configDir;
+  std::string animation;
+  std::string out;  // empty: <animation>.webp
+  std::string iris;
+  std::string background;
+  int every = 1;  // contact sheets: every n-th frame
+};
+
+int runRender(const RenderRequest& request);
+int runDemo(const std::string& configDir, const std::string& outDir);
+int runLint(const std::string& dir);
+int runInfo(const std::string& dir);
+
+// The directory of the bundled eye set, as built next to this program.
+std::string bundledConfigDir();
+
+}  // namespace eyes
