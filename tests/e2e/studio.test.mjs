@@ -1,5 +1,5 @@
 // The studio page in headless Chromium: play, recolour, break and fix a catalogue.
-// STUDIO_BIN names the studio program, EYE_ASSETS the bundled eye set to copy.
+// STUDIO_BIN names the eyes program, EYE_ASSETS the bundled eye set to copy.
 import { test, before, after } from "node:test";
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
@@ -17,7 +17,7 @@ before(async () => {
   assert.ok(studioBin && assets, "STUDIO_BIN and EYE_ASSETS must be set");
   dir = fs.mkdtempSync(path.join(os.tmpdir(), "studio-e2e-"));
   fs.cpSync(assets, dir, { recursive: true });
-  studio = spawn(studioBin, ["--config", dir, "--port", "0"], { stdio: ["ignore", "pipe", "inherit"] });
+  studio = spawn(studioBin, ["studio", "--config", dir, "--port", "0"], { stdio: ["ignore", "pipe", "inherit"] });
   const url = await new Promise((resolve, reject) => {
     let out = "";
     studio.stdout.on("data", (chunk) => {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "Studio.h"
 #include "commands.h"
 #include "lint.h"
 #include "render.h"
@@ -97,6 +98,17 @@ int main(int argc, char** argv) {
   auto* infoCmd = app.add_subcommand("info", "Summarise the catalogues of DIR.");
   infoCmd->add_option("DIR", infoDir, "catalogue directory")->required();
 
+  StudioOptions studio;
+  studio.configDir = bundledConfigDir();
+  auto* studioCmd =
+      app.add_subcommand("studio",
+                         "Serve a page on 127.0.0.1 that shows both eyes live and plays, steps and "
+                         "re-reads the catalogues while you edit them.");
+  studioCmd->add_option("--config", studio.configDir, "catalogue directory")->capture_default_str();
+  studioCmd->add_option("--port", studio.port, "port (0 picks a free one)")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -107,5 +119,6 @@ int main(int argc, char** argv) {
   if (*demoCmd) return runDemo(demoConfig, demoOut);
   if (*lintCmd) return runLint(lintDir);
   if (*infoCmd) return runInfo(infoDir);
+  if (*studioCmd) return runStudio(studio);
   return kExitUsage;
 }

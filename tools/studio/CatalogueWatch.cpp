@@ -1,7 +1,5 @@
 #include "CatalogueWatch.h"
 
-#include <tinyxml2.h>
-
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -71,30 +69,23 @@ bool CatalogueWatch::changed() {
 }
 
 std::vector<Finding> CatalogueWatch::check() const {
-  std::vector<Finding> findings;
+  std::vector<Finding> findings = eyes::lintCatalogues(dir_);
+  for (Finding& f : findings) f.file = fs::path(f.file).lexically_relative(dir_).string();
+  if (eyes::hasErrors(findings)) return findings;
+
   // Relative image paths in the catalogues are taken from the directory. Set only
   // when it differs, since a playing animation may be reading it.
   if (VContent::baseDirectory() != dir_) VContent::setBaseDirectory(dir_);
   for (int catalogue = 0; catalogue < 4; ++catalogue) {
-    const std::string name = kCatalogues[catalogue];
-    const std::string path = dir_ + name;
-    tinyxml2::XMLDocument doc;
-    if (doc.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) {
-      findings.push_back({name, doc.ErrorID() == tinyxml2::XML_ERROR_FILE_NOT_FOUND
-                                    ? "file not found"
-                                    : doc.ErrorStr()});
-      continue;
-    }
-    if (doc.FirstChildElement("List") == nullptr) {
-      findings.push_back({name, "no <List> root element"});
-      continue;
-    }
+    const auto error = [&](std::string message) {
+      findings.push_back({kCatalogues[catalogue], 0, eyes::Severity::Error, std::move(message)});
+    };
     try {
       // The eyes always show some lid image, so they need at least one.
-      if (readWith(catalogue, path) == 0 && catalogue == 2)
-        findings.push_back({name, "no eyelid images: the eyes need at least one"});
+      if (readWith(catalogue, dir_ + kCatalogues[catalogue]) == 0 && catalogue == 2)
+        error("no eyelid images: the eyes need at least one");
     } catch (const std::exception& e) {
-      findings.push_back({name, std::string("a required attribute is missing (") + e.what() + ")"});
+      error(std::string("the library cannot read it: ") + e.what());
     }
   }
   return findings;

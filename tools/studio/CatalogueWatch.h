@@ -6,12 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "lint.h"
+
 namespace studio {
 
-struct Finding {
-  std::string file;  // file name within the directory
-  std::string message;
-};
+using eyes::Finding;
 
 class CatalogueWatch {
  public:
@@ -21,9 +20,9 @@ class CatalogueWatch {
   // the last call (the first call reports a change).
   bool changed();
 
-  // Reads the four catalogues into scratch copies, so a file that the library
-  // cannot read is reported here instead of replacing what is loaded. Empty when
-  // all four can be loaded.
+  // The checker's findings for the directory (file names relative to it), and an
+  // error for any catalogue the library's own readers would stop on. The loaded
+  // catalogues may be replaced only when there is no error.
   std::vector<Finding> check() const;
 
   const std::string& dir() const { return dir_; }

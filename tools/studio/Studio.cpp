@@ -34,6 +34,7 @@ constexpr int kFrameMs = 40;
 class FrameHub {
  public:
   void put(uint8_t panel, const uint8_t* frame) {
+    if (muted_) return;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       frames_[panel].assign(frame, frame + LcdControl::kFrameBytes);
@@ -65,6 +66,9 @@ class FrameHub {
     return counter_;
   }
 
+  // While muted, frames are not passed on (frames drawn only to reach another).
+  void mute(bool muted) { muted_ = muted; }
+
   void close() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -79,6 +83,7 @@ class FrameHub {
   std::array<std::vector<uint8_t>, LcdControl::kPanels> frames_;
   uint64_t counter_ = 0;
   bool closed_ = false;
+  std::atomic<bool> muted_{false};
 };
 
 // The LCD output the eyes draw into while the studio runs.
@@ -201,11 +206,23 @@ struct Studio::Impl {
   std::vector<studio::TimelineFrame> timeline;
   Clock::time_point playStart;
   int stepFrame = -1;  // the frame shown while paused, -1 while not paused
+  // The stepper replays a copy of the last animation played from where the eyes
+  // were when it started, frame by frame as the player draws it.
+  struct EyeStart {
+    studio::EyePose pose;
+    unsigned short topLid = 0;
+    unsigned short bottomLid = 0;
+  };
+  EyeStart starts[2];
+  std::shared_ptr<EyeAnimation> played;
+  std::shared_ptr<EyeAnimation> stepping;
+  int framesStepped = 0;
 
   void reload();
   void wireAfterReload();
   static void requireEyes();
   void showStep(int frame);
+  void rewind();
 
   json catalogueJson();
   json stateJson(uint64_t afterSeq);
@@ -219,8 +236,8 @@ void Studio::Impl::requireEyes() {
 
 void Studio::Impl::reload() {
   findings = watch.check();
-  if (!findings.empty()) {
-    for (const auto& f : findings) spdlog::error("studio: {}: {}", f.file, f.message);
+  if (eyes::hasErrors(findings)) {
+    for (const auto& f : findings) spdlog::error("studio: {}", eyes::formatFinding(f));
     return;
   }
   EyeControl::Abort();
@@ -229,7 +246,8 @@ void Studio::Impl::reload() {
         EyeControl::initFrom(options.configDir, IrisType::getShape(irisShape), irisStyle,
                              BackgroundType::getShape(backgroundType), backgroundStyle);
     if (status != 0) {
-      findings.push_back({"", "the eyes could not start (status " + std::to_string(status) + ")"});
+      findings.push_back({"", 0, eyes::Severity::Error,
+                          "the eyes could not start (status " + std::to_string(status) + ")"});
       return;
     }
     // init opened the output named by the environment; the page takes over from it.
@@ -242,6 +260,8 @@ void Studio::Impl::reload() {
   timeline.clear();
   timelineName.clear();
   stepFrame = -1;
+  played.reset();
+  stepping.reset();
   ++generation;
 }
 
@@ -271,10 +291,37 @@ void Studio::Impl::wireAfterReload() {
     EyeControl::setBackground(part, EyeSide::BOTH);
 }
 
+void Studio::Impl::rewind() {
+  for (int i = 0; i < 2; ++i) {
+    const bool left = i == 0;
+    Eyes& eye = left ? EyeControl::Left_Eye : EyeControl::Right_Eye;
+    const EyeStart& start = starts[i];
+    studio::pointLidColours(eye, start.topLid, start.bottomLid);
+    EyeControl::setLid(start.topLid, start.bottomLid, left ? EyeSide::LEFT : EyeSide::RIGHT);
+    const studio::EyePose& p = start.pose;
+    EyeControl::SetEyePosition(left, p.x, p.y, p.scaleX, p.scaleY,
+                               static_cast<unsigned char>(p.topLidY),
+                               static_cast<unsigned char>(p.bottomLidY));
+  }
+  // An animation may have switched the iris image.
+  EyePart part;
+  if (EyeControl::getIris(IrisType::getShape(irisShape), irisStyle, part) == 0)
+    EyeControl::setIris(part, EyeSide::BOTH);
+  stepping = std::make_shared<EyeAnimation>(*played);
+  stepping->ClearAnimation();
+  stepping->state = AnimationState::PLAYING;
+  framesStepped = 0;
+}
+
 void Studio::Impl::showStep(int frame) {
   EyeControl::Abort();
+  // Only the frame asked for goes to the page, not the ones drawn on the way.
+  hub->mute(true);
+  if (!stepping || frame + 1 < framesStepped) rewind();
+  while (framesStepped <= frame && EyeControl::stepAnimationFrame(*stepping)) ++framesStepped;
+  hub->mute(false);
+  EyeControl::SetFrames(EyeSide::BOTH);
   stepFrame = frame;
-  studio::showFrame(timeline[static_cast<size_t>(frame)]);
 }
 
 json Studio::Impl::catalogueJson() {
@@ -324,7 +371,11 @@ json Studio::Impl::stateJson(uint64_t afterSeq) {
                       {"name", name != playNames.end() ? name->second : ""}});
   }
   json found = json::array();
-  for (const auto& f : findings) found.push_back({{"file", f.file}, {"message", f.message}});
+  for (const auto& f : findings)
+    found.push_back({{"file", f.file},
+                     {"line", f.line},
+                     {"error", f.severity == eyes::Severity::Error},
+                     {"text", eyes::formatFinding(f)}});
   const auto eye = [](const Eyes& e) {
     return json{{"x", e.getIrisX()},
                 {"y", e.getIrisY()},
@@ -401,6 +452,12 @@ void Studio::Impl::routes() {
                                           studio::EyePose::of(EyeControl::Right_Eye));
                 timelineName = name;
                 stepFrame = -1;
+                played = animation;
+                stepping.reset();
+                for (int i = 0; i < 2; ++i) {
+                  const Eyes& eye = i == 0 ? EyeControl::Left_Eye : EyeControl::Right_Eye;
+                  starts[i] = {studio::EyePose::of(eye), eye.topLidIndex, eye.bottomLidIndex};
+                }
                 const unsigned short id = ++nextPlayId;
                 playNames[id] = name;
                 playStart = Clock::now();

@@ -50,34 +50,9 @@ std::vector<TimelineFrame> buildTimeline(const EyeAnimation& animation, EyePose 
   return frames;
 }
 
-namespace {
-
-void showTrack(const TrackFrame& track, bool left) {
-  const EyeSide side = left ? EyeSide::LEFT : EyeSide::RIGHT;
-  const auto lids = EyeControl::lid_images.size();
-  // Lid images as the player picks them: an index outside the catalogue keeps the lid.
-  Eyes& eye = left ? EyeControl::Left_Eye : EyeControl::Right_Eye;
-  const auto valid = [&](short index) { return index >= 0 && static_cast<size_t>(index) < lids; };
-  const unsigned short top = valid(track.topLidIndex) ? track.topLidIndex : eye.topLidIndex;
-  const unsigned short bottom =
-      valid(track.bottomLidIndex) ? track.bottomLidIndex : eye.bottomLidIndex;
-  if (top != eye.topLidIndex || bottom != eye.bottomLidIndex) EyeControl::setLid(top, bottom, side);
-  const EyePose& p = track.pose;
-  EyeControl::SetEyePosition(left, p.x, p.y, p.scaleX, p.scaleY,
-                             static_cast<unsigned char>(p.topLidY),
-                             static_cast<unsigned char>(p.bottomLidY));
-}
-
-}  // namespace
-
 void pointLidColours(Eyes& eye, unsigned short top, unsigned short bottom) {
   eye.topLidColor = EyeControl::lid_images[top].color;
   eye.bottomLidColor = EyeControl::lid_images[bottom].color;
-}
-
-void showFrame(const TimelineFrame& frame) {
-  showTrack(frame.left, true);
-  showTrack(frame.right, false);
 }
 
 }  // namespace studio

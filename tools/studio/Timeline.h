@@ -39,12 +39,9 @@ struct TimelineFrame {
 std::vector<TimelineFrame> buildTimeline(const EyeAnimation& animation, EyePose left,
                                          EyePose right);
 
-// Shows one frame on both eyes through the appearance commands.
-void showFrame(const TimelineFrame& frame);
-
 // Points the eye's lid fill colours at the catalogue entries `top` and `bottom`
 // (indexes below the catalogue size). The lid commands change only the images, so
-// this goes first whenever lids are chosen without the player, and after the lid
+// this goes first whenever lids are chosen outside an animation, and after the lid
 // catalogue was read anew, when the old colours are gone.
 void pointLidColours(Eyes& eye, unsigned short top, unsigned short bottom);
 
