@@ -49,14 +49,26 @@ struct EyeRest {
             e.scaleY,         e.topLidY,       e.bottomLidY, e.topLidIndex, e.bottomLidIndex};
   }
   void restore(Eyes& e) const {
-    e.iris = iris, e.topLid = topLid, e.background = background, e.bottomLid = bottomLid;
-    e.topLidColor = topLidColor, e.bottomLidColor = bottomLidColor;
-    e.offsetX = offsetX, e.offsetY = offsetY;
-    e.irisSeq = irisSeq, e.topLidSeq = topLidSeq, e.bottomLidSeq = bottomLidSeq;
+    e.iris = iris;
+    e.topLid = topLid;
+    e.background = background;
+    e.bottomLid = bottomLid;
+    e.topLidColor = topLidColor;
+    e.bottomLidColor = bottomLidColor;
+    e.offsetX = offsetX;
+    e.offsetY = offsetY;
+    e.irisSeq = irisSeq;
+    e.topLidSeq = topLidSeq;
+    e.bottomLidSeq = bottomLidSeq;
     e.backgroundSeq = backgroundSeq;
-    e.irisX = irisX, e.irisY = irisY, e.scaleX = scaleX, e.scaleY = scaleY;
-    e.topLidY = topLidY, e.bottomLidY = bottomLidY;
-    e.topLidIndex = topLidIndex, e.bottomLidIndex = bottomLidIndex;
+    e.irisX = irisX;
+    e.irisY = irisY;
+    e.scaleX = scaleX;
+    e.scaleY = scaleY;
+    e.topLidY = topLidY;
+    e.bottomLidY = bottomLidY;
+    e.topLidIndex = topLidIndex;
+    e.bottomLidIndex = bottomLidIndex;
   }
 };
 
