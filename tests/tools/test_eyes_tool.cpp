@@ -274,7 +274,7 @@ TEST(EyesProgram, DemoWritesEveryAnimationIntoAFreshDirectory) {
   EXPECT_EQ(webpDurationMs(demoDir + "/odd_name.webp"), 200);
   std::ifstream index(demoDir + "/index.html");
   const std::string html((std::istreambuf_iterator<char>(index)), std::istreambuf_iterator<char>());
-  EXPECT_NE(html.find("<h2>Fear</h2>"), std::string::npos);
+  EXPECT_NE(html.find("<h2>FEAR</h2>"), std::string::npos);
   EXPECT_NE(html.find("src=\"odd_name.webp\""), std::string::npos);
   EXPECT_NE(html.find("src=\"a.webp\""), std::string::npos);
 }

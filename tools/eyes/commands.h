@@ -24,6 +24,10 @@ int runDemo(const std::string& configDir, const std::string& outDir);
 int runLint(const std::string& dir);
 int runInfo(const std::string& dir);
 
+// The catalogue's short name of an animation category ("ANGER", ...; "(none)" for 0
+// and unknown values).
+const char* categoryName(int category);
+
 // The directory of the bundled eye set, as built next to this program.
 std::string bundledConfigDir();
 

@@ -20,10 +20,6 @@ namespace fs = std::filesystem;
 namespace eyes {
 namespace {
 
-const char* const kCategoryNames[] = {"Uncategorised", "Anger",      "Misc",     "Confusion",
-                                      "Special",       "Depression", "Fear",     "Happiness",
-                                      "Hurt",          "Idle",       "Internal", "User defined"};
-
 struct Rendered {
   std::string name;
   std::string file;  // base name of NAME.webp / NAME.png
@@ -105,7 +101,7 @@ bool writeIndex(const fs::path& path, const std::string& configDir,
       << escapeHtml(configDir) << ", both eyes as the panels show them (left eye on the left). "
       << "Click an animation for all its frames.</p>\n";
   for (const auto& [category, entries] : byCategory) {
-    html << "<h2>" << kCategoryNames[category] << "</h2>\n";
+    html << "<h2>" << categoryName(category) << "</h2>\n";
     for (const Rendered* r : entries) {
       const std::string file = escapeHtml(r->file);
       html << "<figure><a href=\"" << file << ".png\"><img src=\"" << file << ".webp\" alt=\""

@@ -10,6 +10,13 @@
 
 namespace eyes {
 
+const char* categoryName(int category) {
+  static const char* const names[] = {"(none)",  "ANGER",      "MISC",     "CONFUSION",
+                                      "SPECIAL", "DEPRESSION", "FEAR",     "HAPPINESS",
+                                      "HURT",    "IDLE",       "INTERNAL", "USER_DEFINED"};
+  return category > 0 && category < 12 ? names[category] : names[0];
+}
+
 int runInfo(const std::string& dir) {
   if (!std::filesystem::is_directory(dir)) {
     std::fprintf(stderr, "eyes info: %s is not a directory\n", dir.c_str());
@@ -50,9 +57,6 @@ int runInfo(const std::string& dir) {
                   lid.content.path.c_str());
   }
 
-  static const char* const categories[] = {"(none)",  "ANGER",      "MISC",     "CONFUSION",
-                                           "SPECIAL", "DEPRESSION", "FEAR",     "HAPPINESS",
-                                           "HURT",    "IDLE",       "INTERNAL", "USER_DEFINED"};
   std::map<int, std::vector<const EyeAnimation*>> byCategory;
   for (const auto& animation : EyeControl::eye_animations) {
     if (animation->categories.empty()) byCategory[0].push_back(animation.get());
@@ -62,7 +66,7 @@ int runInfo(const std::string& dir) {
   std::printf("\nAnimations (%zu), by category (name, id, length):\n",
               EyeControl::eye_animations.size());
   for (const auto& [category, animations] : byCategory) {
-    std::printf("  %s\n", categories[category]);
+    std::printf("  %s\n", categoryName(category));
     for (const EyeAnimation* animation : animations)
       std::printf("    %-20s %5u %6.2f s\n", animation->name.c_str(), animation->id,
                   animationFrameCount(*animation) * kFrameMs / 1000.0);

@@ -38,6 +38,9 @@ struct PngSize {
 
 // Width and height from the file's header, or nothing when it is not a PNG.
 std::optional<PngSize> readPngSize(const fs::path& path) {
+  // Only regular files: a FIFO or device named by a catalogue must not block the check.
+  std::error_code ec;
+  if (!fs::is_regular_file(path, ec)) return std::nullopt;
   png_image image{};
   image.version = PNG_IMAGE_VERSION;
   if (!png_image_begin_read_from_file(&image, path.c_str())) return std::nullopt;
@@ -89,7 +92,8 @@ class Linter {
   // Loads one catalogue and returns its List element, or null after reporting.
   const XMLElement* open(XMLDocument& doc, const char* name) {
     file_ = (fs::path(dir_) / name).string();
-    if (!fs::exists(file_)) {
+    std::error_code ec;
+    if (!fs::exists(file_, ec)) {
       report(0, Severity::Error, "file missing: the eyes do not start without it");
       return nullptr;
     }
@@ -195,7 +199,8 @@ class Linter {
   std::optional<PngSize> image(const XMLElement* e, const std::string& path,
                                const std::string& what) {
     const fs::path file = resolve(path);
-    if (!fs::exists(file)) {
+    std::error_code ec;
+    if (!fs::exists(file, ec)) {
       error(e, what + " " + inQuotes(path) + " does not exist");
       return std::nullopt;
     }
@@ -337,9 +342,10 @@ class Linter {
 
   void lidSequence(const XMLElement* data, const std::string& path) {
     const fs::path file = resolve(path);
-    if (fs::is_directory(file)) {
+    std::error_code ec;
+    if (fs::is_directory(file, ec)) {
       std::vector<fs::path> frames;
-      for (const auto& entry : fs::directory_iterator(file))
+      for (const auto& entry : fs::directory_iterator(file, ec))
         if (entry.path().extension() == ".png") frames.push_back(entry.path());
       if (frames.empty()) {
         error(data, "lid sequence " + inQuotes(path) + " holds no .png frames");

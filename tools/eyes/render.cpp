@@ -49,14 +49,26 @@ struct EyeRest {
             e.scaleY,         e.topLidY,       e.bottomLidY, e.topLidIndex, e.bottomLidIndex};
   }
   void restore(Eyes& e) const {
-    e.iris = iris, e.topLid = topLid, e.background = background, e.bottomLid = bottomLid;
-    e.topLidColor = topLidColor, e.bottomLidColor = bottomLidColor;
-    e.offsetX = offsetX, e.offsetY = offsetY;
-    e.irisSeq = irisSeq, e.topLidSeq = topLidSeq, e.bottomLidSeq = bottomLidSeq;
+    e.iris = iris;
+    e.topLid = topLid;
+    e.background = background;
+    e.bottomLid = bottomLid;
+    e.topLidColor = topLidColor;
+    e.bottomLidColor = bottomLidColor;
+    e.offsetX = offsetX;
+    e.offsetY = offsetY;
+    e.irisSeq = irisSeq;
+    e.topLidSeq = topLidSeq;
+    e.bottomLidSeq = bottomLidSeq;
     e.backgroundSeq = backgroundSeq;
-    e.irisX = irisX, e.irisY = irisY, e.scaleX = scaleX, e.scaleY = scaleY;
-    e.topLidY = topLidY, e.bottomLidY = bottomLidY;
-    e.topLidIndex = topLidIndex, e.bottomLidIndex = bottomLidIndex;
+    e.irisX = irisX;
+    e.irisY = irisY;
+    e.scaleX = scaleX;
+    e.scaleY = scaleY;
+    e.topLidY = topLidY;
+    e.bottomLidY = bottomLidY;
+    e.topLidIndex = topLidIndex;
+    e.bottomLidIndex = bottomLidIndex;
   }
 };
 
@@ -279,7 +291,9 @@ bool writeContactSheet(const std::string& path, const std::vector<Picture>& face
   const int rows = (static_cast<int>(cells.size()) + across - 1) / across;
   const int cellW = cells[0].width, cellH = cells[0].height;
   Picture sheet{across * cellW + (across - 1) * kSpacing, rows * cellH + (rows - 1) * kSpacing, {}};
-  sheet.rgb.assign(static_cast<size_t>(sheet.width) * sheet.height * 3, 0);
+  // Spacing and unused cells in the face colour, so the sheet reads as one strip.
+  sheet.rgb.resize(static_cast<size_t>(sheet.width) * sheet.height * 3);
+  for (size_t i = 0; i < sheet.rgb.size(); ++i) sheet.rgb[i] = kFace[i % 3] / 2;
   for (size_t i = 0; i < cells.size(); ++i) {
     const int left = static_cast<int>(i) % across * (cellW + kSpacing);
     const int top = static_cast<int>(i) / across * (cellH + kSpacing);
