@@ -78,9 +78,9 @@ class StudioTest : public ::testing::Test {
     }
     return state;
   }
-  static bool completed(const json& state, const std::string& name) {
+  static bool heard(const json& state, const std::string& kind, const std::string& name) {
     for (const auto& e : state["events"])
-      if (e["kind"] == "complete" && e["name"] == name) return true;
+      if (e["kind"] == kind && e["name"] == name) return true;
     return false;
   }
 
@@ -132,8 +132,9 @@ TEST_F(StudioTest, SteppingToTheLastFrameShowsWhatPlayingDrew) {
   const json started = json::parse(post("/api/play", "name=drift")->body);
   const int frames = started["frames"];
   ASSERT_GT(frames, 2);
-  const json state = waitForState([](const json& s) { return completed(s, "drift"); });
-  ASSERT_TRUE(completed(state, "drift"));
+  const json state = waitForState([](const json& s) { return heard(s, "complete", "drift"); });
+  ASSERT_TRUE(heard(state, "complete", "drift"));
+  EXPECT_TRUE(heard(state, "start", "drift"));
   EXPECT_GT(state["frameCounter"].get<int>(), 2);  // more than the start-up frames
 
   const auto pose = [](const Eyes& e) {

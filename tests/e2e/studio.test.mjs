@@ -82,6 +82,7 @@ test("plays, recolours and follows catalogue edits", { timeout: 120000 }, async 
   const changed = page.waitForFunction(`${leftChecksum} !== ${still}`, null, wait);
   await playAndComplete("look_left");
   await changed;
+  assert.ok(await page.locator('#events .start:has-text("look_left")').count() > 0);
 
   // The iris colour, picked on the page, shows on the canvas.
   await page.selectOption("#irisShape", "CLASSIC");

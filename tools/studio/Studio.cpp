@@ -200,7 +200,6 @@ struct Studio::Impl {
   std::string irisStyle;
   std::string backgroundType;
   std::string backgroundStyle;
-  unsigned short nextPlayId = 0;
   std::map<unsigned short, std::string> playNames;
   std::string timelineName;
   std::vector<studio::TimelineFrame> timeline;
@@ -458,10 +457,13 @@ void Studio::Impl::routes() {
                   const Eyes& eye = i == 0 ? EyeControl::Left_Eye : EyeControl::Right_Eye;
                   starts[i] = {studio::EyePose::of(eye), eye.topLidIndex, eye.bottomLidIndex};
                 }
-                const unsigned short id = ++nextPlayId;
+                // Played as an eye block, so listeners hear the start as well.
+                auto block = std::make_shared<BlockEye>(BLOCK_EYE_ANIMATION);
+                block->animation = animation;
+                const unsigned short id = block->id();
                 playNames[id] = name;
                 playStart = Clock::now();
-                EyeControl::setAnimation(id, name);
+                EyeControl::ProcessEyeBlock(block);
                 return json{{"id", id}, {"frames", timeline.size()}};
               }));
   server.Post("/api/abort", command([](const Request&) {
