@@ -219,6 +219,8 @@ struct Studio::Impl {
 
   void reload();
   void wireAfterReload();
+  bool showIris(const std::string& shape, const std::string& style);
+  bool showBackground(const std::string& type, const std::string& style);
   static void requireEyes();
   void showStep(int frame);
   void rewind();
@@ -264,6 +266,31 @@ void Studio::Impl::reload() {
   ++generation;
 }
 
+// Reads the catalogue's iris (background) anew and shows it on both eyes; false when
+// the catalogue has no such entry. The names must round-trip, as the lookups fall
+// back to a default for unknown names.
+bool Studio::Impl::showIris(const std::string& shape, const std::string& style) {
+  const IrisShape value = IrisType::getShape(shape);
+  EyePart part;
+  if (IrisType::getName(value) != shape || EyeControl::getIris(value, style, part) != 0)
+    return false;
+  EyeControl::setIris(part, EyeSide::BOTH);
+  irisShape = shape;
+  irisStyle = style;
+  return true;
+}
+
+bool Studio::Impl::showBackground(const std::string& type, const std::string& style) {
+  const EyeContentType value = BackgroundType::getShape(type);
+  EyePart part;
+  if (BackgroundType::getName(value) != type || EyeControl::getBackground(value, style, part) != 0)
+    return false;
+  EyeControl::setBackground(part, EyeSide::BOTH);
+  backgroundType = type;
+  backgroundStyle = style;
+  return true;
+}
+
 // The eyelid catalogue was read anew, so the eyes' lid pointers are stale; the
 // iris and background are read again so that edited images show.
 void Studio::Impl::wireAfterReload() {
@@ -282,12 +309,8 @@ void Studio::Impl::wireAfterReload() {
   }
   EyeControl::setLid(top[0], bottom[0], EyeSide::LEFT);
   EyeControl::setLid(top[1], bottom[1], EyeSide::RIGHT);
-  EyePart part;
-  if (EyeControl::getIris(IrisType::getShape(irisShape), irisStyle, part) == 0)
-    EyeControl::setIris(part, EyeSide::BOTH);
-  if (EyeControl::getBackground(BackgroundType::getShape(backgroundType), backgroundStyle, part) ==
-      0)
-    EyeControl::setBackground(part, EyeSide::BOTH);
+  showIris(irisShape, irisStyle);
+  showBackground(backgroundType, backgroundStyle);
 }
 
 void Studio::Impl::rewind() {
@@ -303,9 +326,7 @@ void Studio::Impl::rewind() {
                                static_cast<unsigned char>(p.bottomLidY));
   }
   // An animation may have switched the iris image.
-  EyePart part;
-  if (EyeControl::getIris(IrisType::getShape(irisShape), irisStyle, part) == 0)
-    EyeControl::setIris(part, EyeSide::BOTH);
+  showIris(irisShape, irisStyle);
   stepping = std::make_shared<EyeAnimation>(*played);
   stepping->ClearAnimation();
   stepping->state = AnimationState::PLAYING;
@@ -493,34 +514,21 @@ void Studio::Impl::routes() {
         return json{{"stepFrame", frame}, {"left", poseJson(f.left)}, {"right", poseJson(f.right)}};
       }));
 
-  server.Post(
-      "/api/iris", command([this](const Request& req) {
-        requireEyes();
-        const std::string shape = textParam(req, "shape");
-        const std::string style = textParam(req, "style");
-        const IrisShape value = IrisType::getShape(shape);
-        EyePart part;
-        // getShape falls back to the default shape, so the name must round-trip.
-        if (IrisType::getName(value) != shape || EyeControl::getIris(value, style, part) != 0)
-          throw BadRequest{404, "no iris " + shape + "/" + style + " in the catalogue"};
-        EyeControl::setIris(part, EyeSide::BOTH);
-        irisShape = shape;
-        irisStyle = style;
-        return json::object();
-      }));
+  server.Post("/api/iris", command([this](const Request& req) {
+                requireEyes();
+                const std::string shape = textParam(req, "shape");
+                const std::string style = textParam(req, "style");
+                if (!showIris(shape, style))
+                  throw BadRequest{404, "no iris " + shape + "/" + style + " in the catalogue"};
+                return json::object();
+              }));
   server.Post(
       "/api/background", command([this](const Request& req) {
         requireEyes();
         const std::string type = textParam(req, "type");
         const std::string style = textParam(req, "style");
-        const EyeContentType value = BackgroundType::getShape(type);
-        EyePart part;
-        if (BackgroundType::getName(value) != type ||
-            EyeControl::getBackground(value, style, part) != 0)
+        if (!showBackground(type, style))
           throw BadRequest{404, "no background " + type + "/" + style + " in the catalogue"};
-        EyeControl::setBackground(part, EyeSide::BOTH);
-        backgroundType = type;
-        backgroundStyle = style;
         return json::object();
       }));
   server.Post("/api/lids", command([](const Request& req) {
