@@ -62,7 +62,6 @@ struct Keys {
     frames.push_back(frame);
     values.push_back(v);
   }
-  int lastFrame() const { return frames.back(); }
   Values at(int frame) const {
     if (frame <= frames.front()) return values.front();
     if (frame >= frames.back()) return values.back();
@@ -399,7 +398,6 @@ struct Runner {
   // when no activity came in since the runner last looked, and commands wait while a
   // launched play has not begun its frames.
   std::mutex gate;
-  std::atomic<bool> running{false};
   std::atomic<bool> stopRequested{false};
   std::atomic<uint64_t> activity{0};
   std::atomic<int64_t> lastActivityMs{0};
@@ -436,6 +434,9 @@ Runner& runner() {
   static Runner r;
   return r;
 }
+
+// Outside Runner: every command asks it, also while the process's statics are torn down.
+std::atomic<bool> idleRunning{false};
 
 struct LidLines {
   short leftTop, leftBottom, rightTop, rightBottom;
@@ -566,7 +567,7 @@ int8_t EyeIdle::start(const IdleSettings& settings, Clock clock) {
   }
   const uint64_t seed = settings.seed != 0 ? settings.seed : std::random_device{}();
   r.stopRequested = false;
-  r.running = true;
+  idleRunning = true;
   r.thread = std::thread(runLoop, settings, seed);
   return 0;
 }
@@ -578,7 +579,7 @@ void EyeIdle::stop() {
   r.stopRequested = true;
   r.wake.notify_all();
   r.thread.join();
-  r.running = false;
+  idleRunning = false;
   EyeEvent::RemoveListener(&r.startListener);
   EyeEvent::RemoveListener(&r.endListener);
   std::lock_guard<std::mutex> lock(r.gate);
@@ -586,7 +587,7 @@ void EyeIdle::stop() {
 }
 
 bool EyeIdle::isRunning() {
-  return runner().running;
+  return idleRunning;
 }
 
 IdleGaze EyeIdle::currentGaze() {
@@ -604,8 +605,8 @@ IdleGaze EyeIdle::currentGaze() {
 }
 
 void EyeIdle::noteApplicationActivity() {
+  if (!idleRunning) return;
   Runner& r = runner();
-  if (!r.running) return;
   if (std::this_thread::get_id() == r.watch.worker.load()) {
     // A listener of idle's own play, on its worker: the runner stops the play.
     r.lastActivityMs = r.clock();
@@ -615,7 +616,7 @@ void EyeIdle::noteApplicationActivity() {
   std::shared_ptr<EyeAnimation> play;
   {
     std::lock_guard<std::mutex> lock(r.gate);
-    if (!r.running) return;
+    if (!idleRunning) return;
     r.lastActivityMs = r.clock();
     ++r.activity;
     play = r.currentPlay;

@@ -148,9 +148,10 @@ class EyeIdle {
 
   // Starts idle motion (restarts it with the new settings when it runs): 0, or -1 when the
   // settings are not valid. The clock measures the still times and the quiet time.
+  // Neither start nor stop may be called from a listener object.
   static int8_t start(const IdleSettings& settings);
   static int8_t start(const IdleSettings& settings, Clock clock);
-  // Returns once nothing of idle's plays and its thread is left. Not from a listener object.
+  // Returns once nothing of idle's plays and its thread is left.
   static void stop();
   static bool isRunning();
   static bool isIdleId(unsigned short id) { return id >= kFirstBlockId; }
