@@ -34,6 +34,15 @@ std::shared_ptr<BlockEye> positionBlock(EyeSide side, std::vector<EyePosition> p
   return block;
 }
 
+std::shared_ptr<BlockEye> contentBlock(BlockType type, uint8_t content, const char* style,
+                                       EyeSide side) {
+  auto block = std::make_shared<BlockEye>(type);
+  block->content = content;
+  block->style = style;
+  block->side = side;
+  return block;
+}
+
 class EyeBlockTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { ASSERT_EQ(LcdControl::init(LCD_COLOR_DEPTH_12BIT), 0); }
@@ -155,61 +164,41 @@ TEST_F(EyeBlockTest, PositionBlocksPickTheirRecordsBySide) {
   expectAt(left, 50, 60);
 }
 
-TEST_F(EyeBlockTest, TypeBlockLoadsTheIrisOrBlanksIt) {
+TEST_F(EyeBlockTest, TypeAndBackgroundBlocksLoadOrBlankAndLog) {
   eyetest::LogCapture log;
-  auto block = std::make_shared<BlockEye>(BLOCK_EYE_TYPE);
-  block->content = static_cast<uint8_t>(IrisShape::CLASSIC);
-  block->style = "BLUE";
-  block->side = EyeSide::LEFT;
+  auto block = contentBlock(BLOCK_EYE_TYPE, 0, "BLUE", EyeSide::LEFT);  // CLASSIC
   EXPECT_EQ(run(block), startAndComplete(block->id()));
   EXPECT_EQ(EyeControl::Left_Eye.iris, &EyeControl::default_iris.left);
   EXPECT_EQ(EyeControl::default_iris.left.path, irisLeft_);
   EXPECT_EQ(EyeControl::default_iris.left.width, 20);
   EXPECT_EQ(LcdControl::framesWritten(0), 1u);
   EXPECT_EQ(LcdControl::framesWritten(1), 0u);
-  EXPECT_TRUE(log.errors().empty());
 
-  // An unknown shape still installs the (empty) part on both eyes.
-  block = std::make_shared<BlockEye>(BLOCK_EYE_TYPE);
-  block->content = static_cast<uint8_t>(IrisShape::SPACE);
-  block->style = "NOPE";
-  block->side = EyeSide::BOTH;
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  EXPECT_EQ(log.errors(),
-            std::vector<std::string>{"EyeControl Type Block getIris failed! Type:2 Style:NOPE"});
-  EXPECT_TRUE(EyeControl::Left_Eye.iris->frames.empty());
-  EXPECT_TRUE(EyeControl::Right_Eye.iris->frames.empty());
-  EXPECT_EQ(LcdControl::framesWritten(1), 1u);
-}
-
-TEST_F(EyeBlockTest, BackgroundBlockPaintsOrBlanks) {
-  eyetest::LogCapture log;
-  auto block = std::make_shared<BlockEye>(BLOCK_EYE_BACKGROUND);
-  block->content = static_cast<uint8_t>(EyeContentType::COLOR);
-  block->style = "RED";
-  block->side = EyeSide::BOTH;
+  block = contentBlock(BLOCK_EYE_BACKGROUND, 0, "RED", EyeSide::BOTH);  // COLOR
   EXPECT_EQ(run(block), startAndComplete(block->id()));
   const Color red = Color::getColor(ColorCode::RED);
   for (const Eyes* eye : {&EyeControl::Left_Eye, &EyeControl::Right_Eye}) {
-    ASSERT_FALSE(eye->background->frames.empty());
-    const auto& pixel = eye->background->frames[0];
-    EXPECT_EQ(pixel[0], red.red >> 4);
-    EXPECT_EQ(pixel[1], red.green >> 4);
-    EXPECT_EQ(pixel[2], red.blue >> 4);
+    const std::vector<uint8_t>& frame = eye->background->frames.at(0);
+    EXPECT_EQ(std::vector<int>(frame.begin(), frame.begin() + 3),
+              (std::vector<int>{red.red >> 4, red.green >> 4, red.blue >> 4}));
   }
   EXPECT_TRUE(log.errors().empty());
 
-  // No image backgrounds in the catalogue: logged, and the right eye loses its background.
-  block = std::make_shared<BlockEye>(BLOCK_EYE_BACKGROUND);
-  block->content = static_cast<uint8_t>(EyeContentType::IMAGE);
-  block->style = "sky";
-  block->side = EyeSide::RIGHT;
+  // An unknown shape still installs the (empty) part on both eyes; no image
+  // backgrounds in the catalogue: the right eye loses its background.
+  block =
+      contentBlock(BLOCK_EYE_TYPE, static_cast<uint8_t>(IrisShape::SPACE), "NOPE", EyeSide::BOTH);
   EXPECT_EQ(run(block), startAndComplete(block->id()));
-  EXPECT_EQ(log.errors(),
-            std::vector<std::string>{
-                "EyeControl Background Block getBackground failed! Type:1 Style:sky"});
+  EXPECT_TRUE(EyeControl::Left_Eye.iris->frames.empty());
+  EXPECT_TRUE(EyeControl::Right_Eye.iris->frames.empty());
+  block = contentBlock(BLOCK_EYE_BACKGROUND, 1, "sky", EyeSide::RIGHT);  // IMAGE
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
   EXPECT_TRUE(EyeControl::Right_Eye.background->frames.empty());
   EXPECT_FALSE(EyeControl::Left_Eye.background->frames.empty());
+  EXPECT_EQ(log.errors(),
+            (std::vector<std::string>{
+                "EyeControl Type Block getIris failed! Type:2 Style:NOPE",
+                "EyeControl Background Block getBackground failed! Type:1 Style:sky"}));
 }
 
 TEST_F(EyeBlockTest, AnimationBlockPlaysItsAnimationUnderTheBlockId) {
