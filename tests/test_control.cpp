@@ -252,24 +252,6 @@ TEST_F(ControlTest, DefaultsReloadFromTheSettings) {
             (std::vector<std::string>{"Default iris loaded", "Default background loaded"}));
 }
 
-TEST_F(ControlTest, BundledSetShowsItsDefaultIrisOnAPlainBackground) {
-  const fs::path assets = EYE_ASSETS_DIR;
-  if (!fs::exists(assets / "iris_type.xml")) GTEST_SKIP() << "bundled eye set not built";
-  ASSERT_EQ(EyeControl::initFrom(assets.string(), IrisShape::CLASSIC, "BLUE", EyeContentType::COLOR,
-                                 "SILVER"),
-            0);
-  EXPECT_TRUE(log.errors().empty());
-  const Rgb silver{0xcc, 0xcc, 0xcc};
-  for (uint8_t panel : {0, 1}) {
-    const Eyes& eye = panel == 0 ? EyeControl::Left_Eye : EyeControl::Right_Eye;
-    const int x = eye.getIrisX(), y = eye.getIrisY(), clear = eye.iris->width / 2 + 2;
-    EXPECT_NE(pixel(panel, x, y), silver) << int(panel);
-    EXPECT_EQ(pixel(panel, x - clear, y), silver) << int(panel);
-    EXPECT_EQ(pixel(panel, x + clear, y), silver) << int(panel);
-    EXPECT_EQ(pixel(panel, 120, 0), silver) << int(panel);  // no lids
-  }
-}
-
 // --- image lookup ---
 
 TEST_F(ControlTest, IrisLookupTakesTheFirstGroupOfAShape) {
