@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "EyeIdle.h"
 #include "Helper.h"
 #include "LcdControl.h"
 #include "LoadEyeAnimations.h"
@@ -130,6 +131,7 @@ float EyeControl::getVersion() {
 }
 
 int8_t EyeControl::loadDefaultIris() {
+  EyeIdle::noteApplicationActivity();
   const Settings& settings = Helper::getSettings();
   if (getIris(static_cast<IrisShape>(settings.defaultIrisShape), settings.defaultIrisStyle,
               default_iris) < 0)
@@ -142,6 +144,7 @@ int8_t EyeControl::loadDefaultIris() {
 }
 
 int8_t EyeControl::loadDefaultBackground() {
+  EyeIdle::noteApplicationActivity();
   const Settings& settings = Helper::getSettings();
   if (getBackground(static_cast<EyeContentType>(settings.defaultBackgroundType),
                     settings.defaultBackgroundStyle, default_background) < 0)
@@ -263,6 +266,7 @@ void EyeControl::FillBackgroundColor(EyePart& part, Color color, bool reduce) {
 // --- appearance commands ---
 
 int EyeControl::setIris(VContent* image, EyeSide side) {
+  EyeIdle::noteApplicationActivity();
   if (image == nullptr) return -1;
   if (affectsLeftEye(side)) Left_Eye.iris = image;
   if (affectsRightEye(side)) Right_Eye.iris = image;
@@ -271,6 +275,7 @@ int EyeControl::setIris(VContent* image, EyeSide side) {
 }
 
 int EyeControl::setIris(IrisShape shape, ColorCode color, EyeSide side) {
+  EyeIdle::noteApplicationActivity();
   const int8_t r = getIris(shape, Color::getColorName(color), default_iris);
   if (r < 0) return r;
   Settings& settings = Helper::getSettings();
@@ -283,6 +288,7 @@ int EyeControl::setIris(IrisShape shape, ColorCode color, EyeSide side) {
 }
 
 int EyeControl::setIris(EyePart part, EyeSide side) {
+  EyeIdle::noteApplicationActivity();
   // Only a change of both eyes takes the part's offsets; a one-sided change keeps
   // the offsets of the iris already in place.
   if (side == EyeSide::BOTH) {
@@ -302,6 +308,7 @@ int EyeControl::setIris(EyePart part, EyeSide side) {
 }
 
 int EyeControl::setBackground(Color color) {
+  EyeIdle::noteApplicationActivity();
   FillBackgroundColor(default_background, color, true);
   Left_Eye.background = &default_background.left;
   Right_Eye.background = &default_background.right;
@@ -310,6 +317,7 @@ int EyeControl::setBackground(Color color) {
 }
 
 int EyeControl::setBackground(VContent* image, EyeSide side) {
+  EyeIdle::noteApplicationActivity();
   if (image == nullptr) return -1;
   if (affectsLeftEye(side)) Left_Eye.background = image;
   if (affectsRightEye(side)) Right_Eye.background = image;
@@ -318,6 +326,7 @@ int EyeControl::setBackground(VContent* image, EyeSide side) {
 }
 
 int EyeControl::setBackground(EyeContentType type, ColorCode color) {
+  EyeIdle::noteApplicationActivity();
   const std::string name = Color::getColorName(color);
   if (getBackground(type, name, default_background) < 0) return -1;
   Settings& settings = Helper::getSettings();
@@ -330,6 +339,7 @@ int EyeControl::setBackground(EyeContentType type, ColorCode color) {
 }
 
 int EyeControl::setBackground(EyePart part, EyeSide side) {
+  EyeIdle::noteApplicationActivity();
   if (side == EyeSide::BOTH) {
     default_background.offsetX = part.offsetX;
     default_background.offsetY = part.offsetY;
@@ -347,6 +357,7 @@ int EyeControl::setBackground(EyePart part, EyeSide side) {
 }
 
 int EyeControl::setEyes(IrisShape shape, ColorCode irisColor, ColorCode backgroundColor) {
+  EyeIdle::noteApplicationActivity();
   const std::string irisName = Color::getColorName(irisColor);
   const std::string backgroundName = Color::getColorName(backgroundColor);
   if (getIris(shape, irisName, default_iris) < 0) return -1;
@@ -368,6 +379,7 @@ int EyeControl::setEyes(IrisShape shape, ColorCode irisColor, ColorCode backgrou
 }
 
 int EyeControl::setLid(unsigned short topIndex, unsigned short bottomIndex, EyeSide side) {
+  EyeIdle::noteApplicationActivity();
   const size_t n = lid_images.size();
   if (topIndex >= n || bottomIndex >= n) return -1;
   auto apply = [topIndex, bottomIndex](Eyes& eye) {
@@ -383,6 +395,7 @@ int EyeControl::setLid(unsigned short topIndex, unsigned short bottomIndex, EyeS
 }
 
 int EyeControl::setLid(VContent* image, bool top, EyeSide side) {
+  EyeIdle::noteApplicationActivity();
   if (image == nullptr) return -1;
   auto apply = [image, top](Eyes& eye) { (top ? eye.topLid : eye.bottomLid) = image; };
   if (affectsLeftEye(side)) apply(Left_Eye);
@@ -393,6 +406,7 @@ int EyeControl::setLid(VContent* image, bool top, EyeSide side) {
 
 int EyeControl::setPosition(EyeSide side, short x, short y, float scaleX, float scaleY,
                             unsigned char topLidY, unsigned char bottomLidY) {
+  EyeIdle::noteApplicationActivity();
   // Magnitudes taken as unsigned 16-bit, so -32768 is refused too.
   const auto magnitude = [](short v) { return static_cast<uint16_t>(v < 0 ? -v : v); };
   if (magnitude(x) > 250 || magnitude(y) > 250) return -1;
@@ -403,6 +417,7 @@ int EyeControl::setPosition(EyeSide side, short x, short y, float scaleX, float 
 
 int EyeControl::SetEyePosition(bool left, short x, short y, float scaleX, float scaleY,
                                unsigned char topLidY, unsigned char bottomLidY) {
+  EyeIdle::noteApplicationActivity();
   Eyes& eye = left ? Left_Eye : Right_Eye;
   return eye.set_Frame_12Bit(scaleX, scaleY, x, y, topLidY, bottomLidY);
 }

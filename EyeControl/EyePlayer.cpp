@@ -12,6 +12,7 @@
 
 #include "EyeControl.h"
 #include "EyeEvent.h"
+#include "EyeIdle.h"
 #include "Helper.h"
 
 namespace {
@@ -97,6 +98,7 @@ std::shared_ptr<EyeAnimation> EyeControl::getAnimation(const char* name) {
 }
 
 int8_t EyeControl::setAnimation(unsigned short id, std::string_view name) {
+  EyeIdle::noteApplicationActivity();
   Abort();
   is_processing = true;
   if (name.data() == nullptr && !name.empty())
@@ -179,6 +181,7 @@ void EyeControl::Abort() {
 }
 
 int8_t EyeControl::ProcessEyeBlock(std::shared_ptr<BlockEye> block) {
+  if (!EyeIdle::ownsBlock(*block)) EyeIdle::noteApplicationActivity();
   Abort();
   is_processing = true;
   // Animation blocks keep the active animation: an empty one replays it.

@@ -1,238 +1,165 @@
-// The bundled default eye set: the four catalogues read directly with tinyxml2 and
-// every image they name decoded, independently of the eye library's own readers.
+// The bundled default eye set, read with the library's readers: every image decodes
+// in the shape the composer needs, and the animations use only what the set holds.
 #include <Color.h>
 #include <VContent.h>
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <map>
+#include <filesystem>
 #include <set>
 #include <string>
-#include <vector>
+
+#include "EyeControl.h"
+#include "EyeControlReset.h"
+#include "EyeTestSupport.h"
 
 namespace {
 
 const std::string kDir = EYE_ASSETS_DIR;
 
-struct Doc {
-  explicit Doc(const std::string& file) {
-    ok = xml.LoadFile((kDir + "/" + file).c_str()) == tinyxml2::XML_SUCCESS &&
-         xml.FirstChildElement("List") != nullptr;
+class BundledSet : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::filesystem::exists(kDir + "/iris_type.xml")) GTEST_SKIP() << "eye set not built";
+    eyetest::resetEyeControl();
+    ASSERT_EQ(EyeControl::loadEyeFilesFrom(kDir), 0);
   }
-  const tinyxml2::XMLElement* list() const { return xml.FirstChildElement("List"); }
-  tinyxml2::XMLDocument xml;
-  bool ok = false;
+  void TearDown() override {
+    EXPECT_TRUE(log_.errors().empty()) << log_.errors().front();
+    eyetest::resetEyeControl();
+  }
+  eyetest::LogCapture log_;
 };
 
-std::vector<const tinyxml2::XMLElement*> children(const tinyxml2::XMLElement* parent) {
-  std::vector<const tinyxml2::XMLElement*> out;
-  if (parent == nullptr) return out;
-  for (auto* e = parent->FirstChildElement(); e != nullptr; e = e->NextSiblingElement())
-    out.push_back(e);
-  return out;
+const uint8_t* pixel(const VContent& image, int x, int y) {
+  const size_t bytes = image.frames[0].size() / (size_t{image.width} * image.height);
+  return &image.frames[0][(static_cast<size_t>(y) * image.width + x) * bytes];
 }
 
-std::string attr(const tinyxml2::XMLElement* e, const char* name) {
-  const char* v = e->Attribute(name);
-  return v ? v : "";
-}
-
-VContent load(const std::string& relative, bool withAlpha) {
-  return VContent::getImage(kDir + "/" + relative, withAlpha, false);
-}
-
-const uint8_t* pixel(const VContent& img, int x, int y, int frame = 0) {
-  const int bpp = static_cast<int>(img.frames[frame].size() / (img.width * img.height));
-  return &img.frames[frame][(static_cast<size_t>(y) * img.width + x) * bpp];
-}
-
-TEST(BundledIrises, EveryImageDecodesWithTransparentCornersAndOpaqueCentre) {
-  Doc doc("iris_type.xml");
-  ASSERT_TRUE(doc.ok);
-  std::map<std::string, int> classicStyles;
+TEST_F(BundledSet, IrisesHaveClearCornersAndOneClassicStylePerColourName) {
+  std::multiset<std::string> classicStyles;
   int irises = 0;
-  for (auto* group : children(doc.list())) {
-    ASSERT_STREQ(group->Name(), "Iris_Type");
-    const std::string shape = attr(group, "name");
-    for (auto* iris : children(group)) {
-      ASSERT_STREQ(iris->Name(), "Iris");
-      if (shape == "CLASSIC") ++classicStyles[attr(iris, "style")];
-      for (const char* side : {"left", "right"}) {
-        const std::string path = attr(iris, side);
-        if (path.empty()) continue;  // right falls back to left
-        SCOPED_TRACE(path);
-        const VContent img = load(path, true);
-        ASSERT_EQ(img.frames.size(), 1u);
-        ASSERT_GE(img.width, 100);
-        ASSERT_LE(img.width, 128);
-        ASSERT_EQ(img.frames[0].size(), size_t{img.width} * img.height * 4);
-        EXPECT_EQ(pixel(img, 0, 0)[3], 0);
-        EXPECT_EQ(pixel(img, img.width - 1, img.height - 1)[3], 0);
-        EXPECT_EQ(pixel(img, img.width / 2, img.height / 2)[3], 255);
-        ++irises;
+  for (const IrisType& group : EyeControl::iris_types)
+    for (const Iris& iris : group.irises) {
+      SCOPED_TRACE(iris.left);
+      if (group.shape == IrisShape::CLASSIC) classicStyles.insert(iris.style);
+      EyePart part;
+      ASSERT_EQ(EyeControl::getIris(group.shape, iris.style, part), 0);
+      for (const VContent* image : {&part.left, &part.right}) {
+        ASSERT_EQ(image->frames.size(), 1u);
+        ASSERT_GE(image->width, 100);
+        ASSERT_LE(image->width, 128);
+        ASSERT_EQ(image->frames[0].size(), size_t{image->width} * image->height * 4);
+        EXPECT_EQ(pixel(*image, 0, 0)[3], 0);
+        EXPECT_EQ(pixel(*image, image->width - 1, image->height - 1)[3], 0);
+        EXPECT_EQ(pixel(*image, image->width / 2, image->height / 2)[3], 255);
       }
+      ++irises;
     }
-  }
-  EXPECT_GE(irises, 25);
-  // One classic iris per colour name, the style being the name itself.
-  for (int c = 0; c < static_cast<int>(ColorCode::COUNT); ++c) {
-    const std::string name = Color::getColorName(static_cast<ColorCode>(c));
-    EXPECT_EQ(classicStyles[name], 1) << name;
-  }
+  EXPECT_GE(irises, 13);
   EXPECT_EQ(classicStyles.size(), static_cast<size_t>(ColorCode::COUNT));
+  for (int c = 0; c < static_cast<int>(ColorCode::COUNT); ++c)
+    EXPECT_EQ(classicStyles.count(Color::getColorName(static_cast<ColorCode>(c))), 1u);
 }
 
-TEST(BundledBackgrounds, ColourGroupExistsAndImagesAreFullPanels) {
-  Doc doc("background_type.xml");
-  ASSERT_TRUE(doc.ok);
-  std::set<std::string> kinds;
+TEST_F(BundledSet, BackgroundImagesAreFullPanels) {
+  std::set<EyeContentType> kinds;
   int images = 0;
-  for (auto* group : children(doc.list())) {
-    const std::string kind = attr(group, "name");
-    kinds.insert(kind);
-    for (auto* bg : children(group)) {
-      ASSERT_FALSE(attr(bg, "style").empty());
-      if (kind != "IMAGE") continue;
-      ASSERT_FALSE(attr(bg, "left").empty());
-      SCOPED_TRACE(attr(bg, "left"));
-      const VContent img = load(attr(bg, "left"), false);
-      ASSERT_EQ(img.frames.size(), 1u);
-      EXPECT_EQ(img.width, 240);
-      EXPECT_EQ(img.height, 240);
-      EXPECT_EQ(img.frames[0].size(), 240u * 240u * 3u);
+  for (const BackgroundType& group : EyeControl::background_types) {
+    kinds.insert(group.type);
+    for (const Background& background : group.backgrounds) {
+      EyePart part;
+      ASSERT_EQ(EyeControl::getBackground(group.type, background.style, part), 0);
+      if (group.type != EyeContentType::IMAGE) continue;
+      for (const VContent* image : {&part.left, &part.right})
+        EXPECT_EQ(image->frames.at(0).size(), 240u * 240u * 3u) << background.left;
       ++images;
     }
   }
-  EXPECT_EQ(kinds, (std::set<std::string>{"COLOR", "IMAGE"}));
+  EXPECT_EQ(kinds.size(), 2u);
   EXPECT_GE(images, 3);
 }
 
-TEST(BundledEyelids, IdsAreDenseAndImagesJoinTheirFillColour) {
-  Doc doc("eyelid.xml");
-  ASSERT_TRUE(doc.ok);
-  std::set<int> ids;
-  int count = 0;
-  for (auto* d : children(doc.list()->FirstChildElement("Images"))) {
-    const std::string path = attr(d, "path");
-    SCOPED_TRACE(path);
-    ids.insert(d->IntAttribute("id", -1));
-    ++count;
-    const VContent img = load(path, true);
-    ASSERT_EQ(img.frames.size(), 1u);
-    ASSERT_EQ(img.width, 240);  // the composer addresses lid rows with a fixed stride
-    ASSERT_GT(img.height, 0);
-    EXPECT_EQ(d->IntAttribute("a"), 255);
+TEST_F(BundledSet, EyelidIdsAreDenseAndImagesJoinTheirFillColour) {
+  int sequences = 0;
+  VContent::setBaseDirectory(kDir);
+  for (size_t i = 0; i < EyeControl::lid_images.size(); ++i) {
+    EyeLidPart& lid = EyeControl::lid_images[i];
+    SCOPED_TRACE(lid.name);
+    EXPECT_EQ(lid.id, i);              // position and id coincide
+    if (lid.content.frames.empty()) {  // a sequence, loaded when first shown
+      lid.content.loadSequence();
+      ASSERT_TRUE(lid.content.isReady());
+      EXPECT_EQ(lid.content.width, 240);
+      EXPECT_GT(lid.content.frames.size(), 1u);
+      ++sequences;
+      continue;
+    }
+    const VContent& image = lid.content;
+    ASSERT_EQ(image.width, 240);  // the composer addresses lid rows with a fixed stride
+    EXPECT_EQ(lid.color[3], 255);
     // A top lid's first row, or a bottom lid's last row, is opaque skin in exactly the
-    // fill colour painted beyond it, so no seam shows at the panel's 4-bit depth.
-    const uint8_t fill[3] = {static_cast<uint8_t>(d->IntAttribute("r") / 16),
-                             static_cast<uint8_t>(d->IntAttribute("g") / 16),
-                             static_cast<uint8_t>(d->IntAttribute("b") / 16)};
+    // fill colour painted beyond it, so no seam shows; somewhere the lid is clear.
     auto joins = [&](int row) {
       for (int x = 0; x < 240; ++x) {
-        const uint8_t* p = pixel(img, x, row);
-        if (p[3] != 255 || p[0] >> 4 != fill[0] || p[1] >> 4 != fill[1] || p[2] >> 4 != fill[2])
+        const uint8_t* p = pixel(image, x, row);
+        if (p[3] != 255 || p[0] != lid.color[0] || p[1] != lid.color[1] || p[2] != lid.color[2])
           return false;
       }
       return true;
     };
-    EXPECT_TRUE(joins(0) || joins(img.height - 1));
-    // And somewhere the lid is see-through, or it would have no edge.
+    EXPECT_TRUE(joins(0) || joins(image.height - 1));
     bool clear = false;
-    for (int y = 0; y < img.height && !clear; ++y)
-      for (int x = 0; x < 240 && !clear; ++x) clear = pixel(img, x, y)[3] == 0;
+    for (int y = 0; y < image.height && !clear; ++y)
+      for (int x = 0; x < 240 && !clear; ++x) clear = pixel(image, x, y)[3] == 0;
     EXPECT_TRUE(clear);
   }
-  const auto* animated = doc.list()->FirstChildElement("Animations");
-  ASSERT_NE(animated, nullptr);
-  int sequences = 0;
-  VContent::setBaseDirectory(kDir);
-  for (auto* d : children(animated)) {
-    SCOPED_TRACE(attr(d, "path"));
-    ids.insert(d->IntAttribute("id", -1));
-    ++count;
-    VContent seq;
-    seq.path = attr(d, "path");
-    seq.width = static_cast<uint16_t>(d->IntAttribute("w"));
-    seq.height = static_cast<uint16_t>(d->IntAttribute("h"));
-    seq.frameTotal = static_cast<uint16_t>(d->IntAttribute("ft"));
-    seq.loadSequence();
-    ASSERT_TRUE(seq.isReady());
-    EXPECT_EQ(seq.width, 240);
-    EXPECT_GT(seq.frameTotal, 1);
-    EXPECT_EQ(seq.frames.size(), seq.frameTotal);
-    ++sequences;
-  }
-  VContent::setBaseDirectory("");
   EXPECT_GE(sequences, 1);
-  ASSERT_EQ(static_cast<int>(ids.size()), count) << "duplicate lid ids";
-  EXPECT_EQ(*ids.begin(), 0);
-  EXPECT_EQ(*ids.rbegin(), count - 1);
 }
 
-TEST(BundledAnimations, EveryEventIsCompleteAndEveryCategoryIsUsed) {
-  Doc lids("eyelid.xml");
-  ASSERT_TRUE(lids.ok);
-  const long lidCount =
-      static_cast<long>(children(lids.list()->FirstChildElement("Images")).size() +
-                        children(lids.list()->FirstChildElement("Animations")).size());
+TEST_F(BundledSet, AnimationsUseEveryCategoryAndOnlyLidsThatExist) {
+  std::set<std::string> names;
+  std::set<int> ids, categories;
+  for (const auto& animation : EyeControl::eye_animations) {
+    SCOPED_TRACE(animation->name);
+    EXPECT_TRUE(names.insert(animation->name).second) << "duplicate name";
+    EXPECT_TRUE(ids.insert(animation->id).second) << "duplicate id";
+    categories.insert(animation->categories.begin(), animation->categories.end());
+    for (const EyeSideAnimation* track : {&animation->left, &animation->right}) {
+      EXPECT_FALSE(track->events.empty());
+      for (const moveEvent& e : track->events) {
+        EXPECT_LT(e.top_lid_index, EyeControl::lid_images.size());
+        EXPECT_LT(e.bot_lid_index, EyeControl::lid_images.size());
+      }
+    }
+  }
+  EXPECT_GE(names.size(), 16u);
+  EXPECT_EQ(categories.size(), 11u);
+  EXPECT_EQ(categories.count(EYEANIMATION_NONE), 0u);
 
-  Doc doc("eyeanimations.xml");
-  ASSERT_TRUE(doc.ok);
-  const std::set<std::string> known = {"ANGER",      "MISC",     "CONFUSION",   "SPECIAL",
-                                       "DEPRESSION", "FEAR",     "HAPPINESS",   "HURT",
-                                       "IDLE",       "INTERNAL", "USER_DEFINED"};
+  // Every event spells out all its values in decimal: a missing one would read as 0, a
+  // leading zero would turn it octal, and times off the 40 ms frame would be rounded.
+  tinyxml2::XMLDocument xml;
+  ASSERT_EQ(xml.LoadFile((kDir + "/eyeanimations.xml").c_str()), tinyxml2::XML_SUCCESS);
   const char* const fields[] = {"X",           "Y",           "TimeMs",      "Wait",
                                 "ScaleX",      "ScaleY",      "LidTopY",     "LidBotY",
                                 "TopLidIndex", "BotLidIndex", "RotateAngle", "Ellipse_H"};
-  std::set<std::string> used, names, ids;
-  int animations = 0;
-  for (auto* a : children(doc.list())) {
-    ASSERT_STREQ(a->Name(), "Animation");
-    const std::string name = attr(a, "Name");
-    SCOPED_TRACE(name);
-    ++animations;
-    EXPECT_TRUE(names.insert(name).second) << "duplicate name";
-    EXPECT_TRUE(ids.insert(attr(a, "Id")).second) << "duplicate id";
-    const std::string cats = attr(a, "Categories");
-    ASSERT_FALSE(cats.empty());
-    for (size_t start = 0; start <= cats.size();) {
-      const size_t comma = std::min(cats.find(',', start), cats.size());
-      const std::string cat = cats.substr(start, comma - start);
-      EXPECT_TRUE(known.count(cat)) << "category '" << cat << "'";
-      used.insert(cat);
-      start = comma + 1;
-    }
-    std::set<std::string> sides;
-    for (auto* side : children(a)) {
-      ASSERT_STREQ(side->Name(), "AnimationSide");
-      sides.insert(attr(side, "Side"));
-      const auto events = children(side);
-      EXPECT_FALSE(events.empty());
-      for (auto* e : events) {
-        ASSERT_STREQ(e->Name(), "Event");
+  for (auto* a = xml.RootElement()->FirstChildElement(); a; a = a->NextSiblingElement())
+    for (auto* side = a->FirstChildElement(); side; side = side->NextSiblingElement())
+      for (auto* e = side->FirstChildElement(); e; e = e->NextSiblingElement()) {
+        EXPECT_STREQ(e->Name(), "Event");
         for (const char* f : fields) {
           const char* v = e->Attribute(f);
-          ASSERT_NE(v, nullptr) << f;
+          ASSERT_NE(v, nullptr) << a->Attribute("Name") << " " << f;
           char* end = nullptr;
           std::strtod(v, &end);
           EXPECT_TRUE(*v != '\0' && *end == '\0') << f << "=" << v;
-          // Decimal only: a leading zero would silently turn a value octal.
-          if (f[0] != 'S') EXPECT_FALSE(v[0] == '0' && v[1] != '\0') << f << "=" << v;
+          if (f[0] != 'S') {
+            EXPECT_FALSE(v[0] == '0' && v[1] != '\0') << f << "=" << v;
+          }
         }
-        EXPECT_EQ(e->IntAttribute("TimeMs") % 40, 0);
-        EXPECT_EQ(e->IntAttribute("Wait") % 40, 0);
-        for (const char* lid : {"TopLidIndex", "BotLidIndex"}) {
-          EXPECT_GE(e->IntAttribute(lid), 0);
-          EXPECT_LT(e->IntAttribute(lid), lidCount);
-        }
+        EXPECT_EQ(e->IntAttribute("TimeMs") % 40 + e->IntAttribute("Wait") % 40, 0);
       }
-    }
-    EXPECT_EQ(sides, (std::set<std::string>{"Left", "Right"}));
-  }
-  EXPECT_GE(animations, 16);
-  EXPECT_EQ(used, known);
 }
 
 }  // namespace

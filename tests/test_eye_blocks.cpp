@@ -34,6 +34,15 @@ std::shared_ptr<BlockEye> positionBlock(EyeSide side, std::vector<EyePosition> p
   return block;
 }
 
+std::shared_ptr<BlockEye> contentBlock(BlockType type, uint8_t content, const char* style,
+                                       EyeSide side) {
+  auto block = std::make_shared<BlockEye>(type);
+  block->content = content;
+  block->style = style;
+  block->side = side;
+  return block;
+}
+
 class EyeBlockTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { ASSERT_EQ(LcdControl::init(LCD_COLOR_DEPTH_12BIT), 0); }
@@ -98,19 +107,16 @@ class EyeBlockTest : public ::testing::Test {
   Recorder recorder_;
 };
 
-TEST_F(EyeBlockTest, PositionBlocksOnBothEyes) {
+TEST_F(EyeBlockTest, PositionBlocksPickTheirRecordsBySide) {
   Eyes& left = EyeControl::Left_Eye;
   Eyes& right = EyeControl::Right_Eye;
-
   // One BOTH record moves both eyes, at scale 1 with open lids, unchecked range.
   auto block = positionBlock(EyeSide::BOTH, {{EyeSide::BOTH, 0, 300, -20}});
-  const unsigned short id = block->id();
-  EXPECT_EQ(run(block), startAndComplete(id));
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
   expectAt(left, 300, -20);
   expectAt(right, 300, -20);
   for (const Eyes* eye : {&left, &right}) {
-    EXPECT_EQ(eye->getScaleX(), 1.0f);
-    EXPECT_EQ(eye->getScaleY(), 1.0f);
+    EXPECT_EQ(eye->getScaleX() + eye->getScaleY(), 2.0f);
     EXPECT_EQ(eye->getTopLidY(), 0);
     EXPECT_EQ(eye->getBottomLidY(), 240);
   }
@@ -118,109 +124,81 @@ TEST_F(EyeBlockTest, PositionBlocksOnBothEyes) {
   EXPECT_EQ(LcdControl::framesWritten(1), 1u);
   EXPECT_EQ(EyeControl::active_type, BLOCK_EYE_POSITION);
 
-  // Two records by their own sides; a third is never used.
-  block = positionBlock(
-      EyeSide::BOTH,
-      {{EyeSide::LEFT, 0, 10, 0}, {EyeSide::RIGHT, 0, -10, 0}, {EyeSide::LEFT, 0, 99, 99}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 10, 0);
-  expectAt(right, -10, 0);
-
-  // A first record of no known side is skipped; the second still applies.
-  block = positionBlock(EyeSide::BOTH,
-                        {{static_cast<EyeSide>(7), 0, 55, 55}, {EyeSide::LEFT, 0, 12, 13}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 12, 13);
-  expectAt(right, -10, 0);
-
-  // A BOTH record met second is skipped.
-  block = positionBlock(EyeSide::BOTH, {{EyeSide::RIGHT, 0, 1, 2}, {EyeSide::BOTH, 0, 77, 77}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 12, 13);
-  expectAt(right, 1, 2);
-}
-
-TEST_F(EyeBlockTest, PositionBlocksOnOneEyeUseTheFirstRecord) {
-  Eyes& left = EyeControl::Left_Eye;
-  Eyes& right = EyeControl::Right_Eye;
-
-  auto block =
-      positionBlock(EyeSide::LEFT, {{EyeSide::RIGHT, 0, 50, 60}, {EyeSide::LEFT, 0, 1, 1}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 50, 60);
-  expectAt(right, 140, 140);
-  EXPECT_EQ(LcdControl::framesWritten(1), 0u);
-
-  block = positionBlock(EyeSide::RIGHT, {{EyeSide::LEFT, 0, 70, 80}});
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  expectAt(left, 50, 60);
-  expectAt(right, 70, 80);
+  // For BOTH, each record by its own side, a third never used, one of no known side
+  // skipped, a BOTH record met second skipped. For one eye, its first record whatever
+  // that record's side.
+  const struct {
+    EyeSide side;
+    std::vector<EyePosition> positions;
+    short lx, ly, rx, ry;
+  } cases[] = {
+      {EyeSide::BOTH,
+       {{EyeSide::LEFT, 0, 10, 0}, {EyeSide::RIGHT, 0, -10, 0}, {EyeSide::LEFT, 0, 99, 99}},
+       10,
+       0,
+       -10,
+       0},
+      {EyeSide::BOTH,
+       {{static_cast<EyeSide>(7), 0, 55, 55}, {EyeSide::LEFT, 0, 12, 13}},
+       12,
+       13,
+       -10,
+       0},
+      {EyeSide::BOTH, {{EyeSide::RIGHT, 0, 1, 2}, {EyeSide::BOTH, 0, 77, 77}}, 12, 13, 1, 2},
+      {EyeSide::LEFT, {{EyeSide::RIGHT, 0, 50, 60}, {EyeSide::LEFT, 0, 1, 1}}, 50, 60, 1, 2},
+      {EyeSide::RIGHT, {{EyeSide::LEFT, 0, 70, 80}}, 50, 60, 70, 80},
+  };
+  for (const auto& c : cases) {
+    block = positionBlock(c.side, c.positions);
+    EXPECT_EQ(run(block), startAndComplete(block->id()));
+    expectAt(left, c.lx, c.ly);
+    expectAt(right, c.rx, c.ry);
+  }
 
   // Nothing to apply, or no eye addressed: still completes, draws nothing.
   LcdControl::resetCounters();
   for (auto empty : {positionBlock(EyeSide::BOTH, {}), positionBlock(EyeSide::LEFT, {}),
-                     positionBlock(static_cast<EyeSide>(3), {{EyeSide::BOTH, 0, 5, 5}})}) {
+                     positionBlock(static_cast<EyeSide>(3), {{EyeSide::BOTH, 0, 5, 5}})})
     EXPECT_EQ(run(empty), startAndComplete(empty->id()));
-  }
   EXPECT_EQ(LcdControl::framesWritten(0) + LcdControl::framesWritten(1), 0u);
   expectAt(left, 50, 60);
 }
 
-TEST_F(EyeBlockTest, TypeBlockLoadsTheIrisOrBlanksIt) {
+TEST_F(EyeBlockTest, TypeAndBackgroundBlocksLoadOrBlankAndLog) {
   eyetest::LogCapture log;
-  auto block = std::make_shared<BlockEye>(BLOCK_EYE_TYPE);
-  block->content = static_cast<uint8_t>(IrisShape::CLASSIC);
-  block->style = "BLUE";
-  block->side = EyeSide::LEFT;
+  auto block = contentBlock(BLOCK_EYE_TYPE, 0, "BLUE", EyeSide::LEFT);  // CLASSIC
   EXPECT_EQ(run(block), startAndComplete(block->id()));
   EXPECT_EQ(EyeControl::Left_Eye.iris, &EyeControl::default_iris.left);
   EXPECT_EQ(EyeControl::default_iris.left.path, irisLeft_);
   EXPECT_EQ(EyeControl::default_iris.left.width, 20);
   EXPECT_EQ(LcdControl::framesWritten(0), 1u);
   EXPECT_EQ(LcdControl::framesWritten(1), 0u);
-  EXPECT_TRUE(log.errors().empty());
 
-  // An unknown shape still installs the (empty) part on both eyes.
-  block = std::make_shared<BlockEye>(BLOCK_EYE_TYPE);
-  block->content = static_cast<uint8_t>(IrisShape::SPACE);
-  block->style = "NOPE";
-  block->side = EyeSide::BOTH;
-  EXPECT_EQ(run(block), startAndComplete(block->id()));
-  EXPECT_EQ(log.errors(),
-            std::vector<std::string>{"EyeControl Type Block getIris failed! Type:2 Style:NOPE"});
-  EXPECT_TRUE(EyeControl::Left_Eye.iris->frames.empty());
-  EXPECT_TRUE(EyeControl::Right_Eye.iris->frames.empty());
-  EXPECT_EQ(LcdControl::framesWritten(1), 1u);
-}
-
-TEST_F(EyeBlockTest, BackgroundBlockPaintsOrBlanks) {
-  eyetest::LogCapture log;
-  auto block = std::make_shared<BlockEye>(BLOCK_EYE_BACKGROUND);
-  block->content = static_cast<uint8_t>(EyeContentType::COLOR);
-  block->style = "RED";
-  block->side = EyeSide::BOTH;
+  block = contentBlock(BLOCK_EYE_BACKGROUND, 0, "RED", EyeSide::BOTH);  // COLOR
   EXPECT_EQ(run(block), startAndComplete(block->id()));
   const Color red = Color::getColor(ColorCode::RED);
   for (const Eyes* eye : {&EyeControl::Left_Eye, &EyeControl::Right_Eye}) {
-    ASSERT_FALSE(eye->background->frames.empty());
-    const auto& pixel = eye->background->frames[0];
-    EXPECT_EQ(pixel[0], red.red >> 4);
-    EXPECT_EQ(pixel[1], red.green >> 4);
-    EXPECT_EQ(pixel[2], red.blue >> 4);
+    const std::vector<uint8_t>& frame = eye->background->frames.at(0);
+    EXPECT_EQ(std::vector<int>(frame.begin(), frame.begin() + 3),
+              (std::vector<int>{red.red >> 4, red.green >> 4, red.blue >> 4}));
   }
   EXPECT_TRUE(log.errors().empty());
 
-  // No image backgrounds in the catalogue: logged, and the right eye loses its background.
-  block = std::make_shared<BlockEye>(BLOCK_EYE_BACKGROUND);
-  block->content = static_cast<uint8_t>(EyeContentType::IMAGE);
-  block->style = "sky";
-  block->side = EyeSide::RIGHT;
+  // An unknown shape still installs the (empty) part on both eyes; no image
+  // backgrounds in the catalogue: the right eye loses its background.
+  block =
+      contentBlock(BLOCK_EYE_TYPE, static_cast<uint8_t>(IrisShape::SPACE), "NOPE", EyeSide::BOTH);
   EXPECT_EQ(run(block), startAndComplete(block->id()));
-  EXPECT_EQ(log.errors(),
-            std::vector<std::string>{
-                "EyeControl Background Block getBackground failed! Type:1 Style:sky"});
+  EXPECT_TRUE(EyeControl::Left_Eye.iris->frames.empty());
+  EXPECT_TRUE(EyeControl::Right_Eye.iris->frames.empty());
+  block = contentBlock(BLOCK_EYE_BACKGROUND, 1, "sky", EyeSide::RIGHT);  // IMAGE
+  EXPECT_EQ(run(block), startAndComplete(block->id()));
   EXPECT_TRUE(EyeControl::Right_Eye.background->frames.empty());
   EXPECT_FALSE(EyeControl::Left_Eye.background->frames.empty());
+  EXPECT_EQ(log.errors(),
+            (std::vector<std::string>{
+                "EyeControl Type Block getIris failed! Type:2 Style:NOPE",
+                "EyeControl Background Block getBackground failed! Type:1 Style:sky"}));
 }
 
 TEST_F(EyeBlockTest, AnimationBlockPlaysItsAnimationUnderTheBlockId) {

@@ -49,7 +49,6 @@ std::vector<short> xs(const std::vector<Frame>& frames) {
   for (const auto& f : frames) out.push_back(f.x);
   return out;
 }
-
 std::vector<short> ys(const std::vector<Frame>& frames) {
   std::vector<short> out;
   for (const auto& f : frames) out.push_back(f.y);
@@ -74,17 +73,16 @@ TEST(MoveEvent, ConstructorRoundsToWholeFrames) {
 }
 
 TEST(MoveEvent, FrameCountingMovingFlagAndEnd) {
+  // Three frames of move, two of hold: moving clears with one move frame left.
   moveEvent e = ev(0, 0, 120, 80);
-  EXPECT_EQ(e.restFrameCount(), 3);
-  EXPECT_FALSE(e.frameProcessed());
-  EXPECT_TRUE(e.moving);
-  EXPECT_EQ(e.restFrameCount(), 2);
-  EXPECT_FALSE(e.frameProcessed());
-  EXPECT_FALSE(e.moving);  // one frame of move left: snap from here
-  EXPECT_EQ(e.restFrameCount(), 1);
-  EXPECT_FALSE(e.frameProcessed());
-  EXPECT_EQ(e.restFrameCount(), 0);  // holding
-  EXPECT_FALSE(e.frameProcessed());
+  std::vector<int> rest, moving;
+  for (int frame = 0; frame < 4; ++frame) {
+    rest.push_back(e.restFrameCount());
+    EXPECT_FALSE(e.frameProcessed()) << frame;
+    moving.push_back(e.moving);
+  }
+  EXPECT_EQ(rest, (std::vector<int>{3, 2, 1, 0}));
+  EXPECT_EQ(moving, (std::vector<int>{1, 0, 0, 0}));
   EXPECT_EQ(e.restFrameCount(), -1);
   EXPECT_TRUE(e.frameProcessed());
   EXPECT_TRUE(e.finished);
@@ -95,7 +93,6 @@ TEST(MoveEvent, FrameCountingMovingFlagAndEnd) {
 
   moveEvent instant = ev(0, 0, 0, 0);
   EXPECT_TRUE(instant.frameProcessed());
-
   // A zero frame period has no frames left rather than dividing by zero.
   moveEvent still(0, 0, 100, 100, 1, 1, 0.0, 0, 0, 0, 0, 0, 0);
   EXPECT_EQ(still.frame_ms, 0);
@@ -246,65 +243,41 @@ TEST(Motion, EllipticTurnStartsAtTheTargetAngle) {
 TEST(Motion, TrackPlaysEventsInTurnAndRewinds) {
   EyeSideAnimation track;
   track.events = {ev(100, 140, 80, 40), ev(0, 0, 0, 0), ev(140, 100, 80, 0)};
-  const Frame start{60, 140, 1, 1, 0, 240};
-  const auto frames = play(track, start);
+  const auto frames = play(track, kStart);
   EXPECT_EQ(xs(frames), (std::vector<short>{80, 100, 100, 0, 70, 140}));
   EXPECT_EQ(ys(frames), (std::vector<short>{140, 140, 140, 0, 50, 100}));
   EXPECT_TRUE(track.finished);
+  EXPECT_EQ(track.current_event, 2);  // stays on the last
+  EXPECT_FALSE(track.nextEvent());
   EXPECT_EQ(track.current_event, 2);
-  for (const auto& e : track.events) EXPECT_TRUE(e.finished);
 
   track.clearAnimationSide();
   EXPECT_FALSE(track.finished);
   EXPECT_EQ(track.current_event, 0);
-  for (const auto& e : track.events) {
-    EXPECT_FALSE(e.finished);
-    EXPECT_TRUE(e.moving);
-    EXPECT_EQ(e.elapsed_ms, 0);
-  }
-  EXPECT_EQ(xs(play(track, start)), xs(frames));
+  for (const auto& e : track.events) EXPECT_TRUE(!e.finished && e.moving && e.elapsed_ms == 0);
+  EXPECT_EQ(xs(play(track, kStart)), xs(frames));
+  EXPECT_FALSE(EyeSideAnimation().nextEvent());
 }
 
-TEST(Motion, NextEventStopsOnTheLast) {
-  EyeSideAnimation track;
-  EXPECT_FALSE(track.nextEvent());
-  EXPECT_EQ(track.current_event, 0);
-  track.events = {ev(0, 0, 0, 0), ev(0, 0, 0, 0)};
-  EXPECT_TRUE(track.nextEvent());
-  EXPECT_EQ(track.current_event, 1);
-  EXPECT_FALSE(track.nextEvent());
-  EXPECT_EQ(track.current_event, 1);
-  track.current_event = 5;
-  EXPECT_FALSE(track.nextEvent());
-  EXPECT_EQ(track.current_event, 5);
-}
-
-TEST(Animation, RecordsCopyAndClear) {
+TEST(Animation, CopiesAreSeparateAndClearRewindsBothTracks) {
   EyeAnimation a(7, "wink");
   EXPECT_EQ(a.state.load(), AnimationState::IDLE);
-
   a.left.events = {ev(100, 100, 80, 0)};
   a.right.events = {ev(10, 10, 0, 0), ev(20, 20, 0, 0)};
-  a.categories = {EYEANIMATION_FEAR};
   play(a.left, kStart);
   play(a.right, kStart);
   a.state = AnimationState::COMPLETED;
 
   const EyeAnimation copy(a);
-  EXPECT_EQ(copy.state.load(), AnimationState::COMPLETED);
   EXPECT_EQ(copy.name, "wink");
   EXPECT_TRUE(copy.left.finished);
   EXPECT_EQ(copy.right.current_event, 1);
-  ASSERT_EQ(copy.right.events.size(), 2u);
-  EXPECT_EQ(copy.right.events[1].x, 20);
-
+  EXPECT_EQ(copy.right.events.at(1).x, 20);
   a.ClearAnimation();
   EXPECT_EQ(a.state.load(), AnimationState::IDLE);
-  EXPECT_FALSE(a.left.finished);
-  EXPECT_FALSE(a.right.finished);
+  EXPECT_FALSE(a.left.finished || a.right.finished || a.right.events[1].finished);
   EXPECT_EQ(a.right.current_event, 0);
-  EXPECT_FALSE(a.right.events[1].finished);
-  EXPECT_EQ(copy.state.load(), AnimationState::COMPLETED);  // the copy is separate
+  EXPECT_EQ(copy.state.load(), AnimationState::COMPLETED);
   EXPECT_EQ(play(a.right, kStart).size(), 2u);
 }
 
