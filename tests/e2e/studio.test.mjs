@@ -63,14 +63,14 @@ async function waitForIrisChannel(channel) {
   }, channel, wait);
 }
 
+// Page expression: completions of `name` listed on the page.
+const completions = (name) => `[...document.querySelectorAll("#events .complete")]
+  .filter((e) => e.textContent.includes(" " + ${JSON.stringify(name)} + " ")).length`;
+
 const playAndComplete = async (name) => {
-  const done = page.locator(`#events .complete:has-text("${name}")`);
-  const before = await done.count();
+  const before = await page.evaluate(completions(name));
   await page.click(`button[data-animation="${name}"]`);
-  await page.waitForFunction(
-    ([name, before]) => [...document.querySelectorAll("#events .complete")]
-      .filter((e) => e.textContent.includes(" " + name + " ")).length > before,
-    [name, before], wait);
+  await page.waitForFunction(`${completions(name)} > ${before}`, null, wait);
 };
 
 test("plays, recolours and follows catalogue edits", { timeout: 120000 }, async () => {
