@@ -27,8 +27,8 @@ int runDemo(const std::string& configDir, const std::string& outDir);
 int runLint(const std::string& dir);
 int runInfo(const std::string& dir);
 
-// Every frame is kept in memory until written (about 4 MB per second of idle motion).
-constexpr int kMaxIdleSeconds = 60;
+// Every frame and its picture stay in memory until written: about 16 MB a second.
+constexpr int kMaxIdleSeconds = 30;
 // What the demo page shows as idle life.
 constexpr int kDemoIdleSeconds = 10;
 constexpr uint64_t kDemoIdleSeed = 1;

@@ -73,12 +73,11 @@ int main(int argc, char** argv) {
   render.configDir = bundledConfigDir();
   auto* renderCmd = app.add_subcommand(
       "render",
-      "Play one animation, or generated idle motion, on both eyes and write what the panels show: "
-      "an animated WebP "
-      "(OUT.webp), a contact sheet (OUT.png) or numbered PNG frames (any other OUT, a directory).");
+      "Play one animation, or generated idle motion, on both eyes and write what the panels "
+      "show: an animated WebP (OUT.webp), a contact sheet (OUT.png) or numbered PNG frames (any "
+      "other OUT, a directory).");
   renderCmd->add_option("--config", render.configDir, "catalogue directory")->capture_default_str();
-  // Exactly one thing to play: a catalogue animation or generated idle motion.
-  auto* what = renderCmd->add_option_group("what to play");
+  auto* what = renderCmd->add_option_group("what to play", "a catalogue animation or idle motion");
   what->add_option("--animation", render.animation, "animation name");
   auto* idleOption =
       what->add_option("--idle", render.idleSeconds,
@@ -88,7 +87,8 @@ int main(int argc, char** argv) {
   renderCmd->add_option("--seed", render.seed, "idle motion: random seed")
       ->needs(idleOption)
       ->capture_default_str();
-  renderCmd->add_option("--out", render.out, "output file or directory (default NAME.webp)");
+  renderCmd->add_option("--out", render.out,
+                        "output file or directory (default NAME.webp, idle.webp)");
   renderCmd->add_option("--iris", render.iris, "iris as SHAPE:STYLE, e.g. GLOW:CYAN");
   renderCmd->add_option("--background", render.background,
                         "background as TYPE:STYLE, e.g. IMAGE:SCLERA");
