@@ -2,6 +2,7 @@
 // 0 fine, 1 problems found, 2 usage or I/O error.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace eyes {
@@ -13,7 +14,9 @@ constexpr int kExitUsage = 2;
 struct RenderRequest {
   std::string configDir;
   std::string animation;
-  std::string out;  // empty: <animation>.webp
+  int idleSeconds = 0;  // instead of an animation: this long of idle motion
+  uint64_t seed = 1;    // of the idle motion
+  std::string out;      // empty: <animation>.webp, idle.webp
   std::string iris;
   std::string background;
   int every = 1;  // contact sheets: every n-th frame
@@ -23,6 +26,12 @@ int runRender(const RenderRequest& request);
 int runDemo(const std::string& configDir, const std::string& outDir);
 int runLint(const std::string& dir);
 int runInfo(const std::string& dir);
+
+// Every frame and its picture stay in memory until written: about 16 MB a second.
+constexpr int kMaxIdleSeconds = 30;
+// What the demo page shows as idle life.
+constexpr int kDemoIdleSeconds = 10;
+constexpr uint64_t kDemoIdleSeed = 1;
 
 // The catalogue's short name of an animation category ("ANGER", ...; "(none)" for 0
 // and unknown values).

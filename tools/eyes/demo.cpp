@@ -10,6 +10,7 @@
 #include <future>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "EyeControl.h"
 #include "commands.h"
@@ -81,7 +82,20 @@ class Progress {
   bool terminal_;
 };
 
-bool writeIndex(const fs::path& path, const std::string& configDir,
+std::string figure(const Rendered& r, const std::string& meta) {
+  const std::string file = escapeHtml(r.file);
+  return "<figure><a href=\"" + file + ".png\"><img src=\"" + file + ".webp\" alt=\"" +
+         escapeHtml(r.name) + "\" loading=\"lazy\"></a><figcaption>" + escapeHtml(r.name) +
+         " <span class=\"meta\">" + meta + "</span></figcaption></figure>\n";
+}
+
+std::string durationText(size_t frames) {
+  std::ostringstream text;
+  text << frames * kFrameMs / 1000.0 << " s";
+  return text.str();
+}
+
+bool writeIndex(const fs::path& path, const std::string& configDir, const Rendered& idle,
                 const std::vector<Rendered>& all) {
   std::map<int, std::vector<const Rendered*>> byCategory;
   for (const Rendered& r : all) {
@@ -99,16 +113,14 @@ bool writeIndex(const fs::path& path, const std::string& configDir,
          "margin-top:.3em}a{color:#9cf}.meta{color:#888}</style></head><body>\n"
       << "<h1>Eye animations</h1>\n<p class=\"meta\">" << all.size() << " animations from "
       << escapeHtml(configDir) << ", both eyes as the panels show them (left eye on the left). "
-      << "Click an animation for all its frames.</p>\n";
+      << "Click an animation for all its frames.</p>\n"
+      << "<h2>Idle life</h2>\n"
+      << figure(idle, "seed " + std::to_string(kDemoIdleSeed) + ", " + durationText(idle.frames) +
+                          " of generated blinks and glances");
   for (const auto& [category, entries] : byCategory) {
     html << "<h2>" << categoryName(category) << "</h2>\n";
-    for (const Rendered* r : entries) {
-      const std::string file = escapeHtml(r->file);
-      html << "<figure><a href=\"" << file << ".png\"><img src=\"" << file << ".webp\" alt=\""
-           << escapeHtml(r->name) << "\" loading=\"lazy\"></a><figcaption>" << escapeHtml(r->name)
-           << " <span class=\"meta\">#" << r->id << ", " << r->frames * kFrameMs / 1000.0
-           << " s</span></figcaption></figure>\n";
-    }
+    for (const Rendered* r : entries)
+      html << figure(*r, "#" + std::to_string(r->id) + ", " + durationText(r->frames));
   }
   html << "</body></html>\n";
   return static_cast<bool>(html);
@@ -142,6 +154,25 @@ int runDemo(const std::string& configDir, const std::string& outDir) {
   // encoder's own copy; rendering touches only the library's state).
   std::future<std::string> writing;
   std::string failure;
+  auto startWriting = [&](const fs::path& base, std::vector<Frame> frames, int every) {
+    if (writing.valid() && failure.empty()) failure = writing.get();
+    writing = std::async(std::launch::async, [base, every, frames = std::move(frames)] {
+      std::string error;
+      const std::vector<Picture> faces = facePictures(frames);
+      if (!writeWebp(base.string() + ".webp", faces, error) ||
+          !writeContactSheet(base.string() + ".png", faces, error, 6, every))
+        return error;
+      return std::string();
+    });
+  };
+
+  // Idle life first: its sheet shows every fifth frame, a fifth of a second apart.
+  Rendered idle{"Idle life", "idle_life", 0, 0, {}};
+  files.insert(idle.file);
+  std::vector<Frame> idleFrames = renderIdle(kDemoIdleSeconds, kDemoIdleSeed);
+  idle.frames = idleFrames.size();
+  startWriting(fs::path(outDir) / idle.file, std::move(idleFrames), 5);
+
   size_t done = 0;
   for (const auto& animation : EyeControl::eye_animations) {
     progress.step(done++, animation->name);
@@ -152,16 +183,7 @@ int runDemo(const std::string& configDir, const std::string& outDir) {
     Rendered entry{animation->name, fileNameFor(animation->name), animation->id, frames.size(),
                    animation->categories};
     while (!files.insert(entry.file).second) entry.file += "_";
-    if (writing.valid() && failure.empty()) failure = writing.get();
-    const fs::path base = fs::path(outDir) / entry.file;
-    writing = std::async(std::launch::async, [base, frames = std::move(frames)] {
-      std::string error;
-      const std::vector<Picture> faces = facePictures(frames);
-      if (!writeWebp(base.string() + ".webp", faces, error) ||
-          !writeContactSheet(base.string() + ".png", faces, error))
-        return error;
-      return std::string();
-    });
+    startWriting(fs::path(outDir) / entry.file, std::move(frames), 1);
     rendered.push_back(std::move(entry));
   }
   if (writing.valid() && failure.empty()) failure = writing.get();
@@ -171,7 +193,7 @@ int runDemo(const std::string& configDir, const std::string& outDir) {
     return kExitUsage;
   }
   const fs::path index = fs::absolute(fs::path(outDir) / "index.html");
-  if (!writeIndex(index, configDir, rendered)) {
+  if (!writeIndex(index, configDir, idle, rendered)) {
     std::fprintf(stderr, "eyes demo: cannot write %s\n", index.c_str());
     return kExitUsage;
   }

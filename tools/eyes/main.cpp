@@ -30,20 +30,25 @@ int runRender(const RenderRequest& request) {
     std::fprintf(stderr, "eyes render: %s\n", up.problem.c_str());
     return up.badArgument ? kExitUsage : kExitProblems;
   }
-  auto frames = renderAnimation(request.animation);
+  const bool idle = request.idleSeconds > 0;
+  auto frames =
+      idle ? renderIdle(request.idleSeconds, request.seed) : renderAnimation(request.animation);
   if (!frames) {
     std::fprintf(stderr, "eyes render: no animation named \"%s\" in %s\n",
                  request.animation.c_str(), request.configDir.c_str());
     return kExitUsage;
   }
   if (frames->empty()) frames->push_back(currentFrame());
-  const std::string out = request.out.empty() ? request.animation + ".webp" : request.out;
+  const std::string what =
+      idle ? "idle life (seed " + std::to_string(request.seed) + ")" : request.animation;
+  const std::string out =
+      !request.out.empty() ? request.out : (idle ? "idle" : request.animation) + ".webp";
   std::string error;
   if (!writeRendering(out, *frames, error, request.every)) {
     std::fprintf(stderr, "eyes render: %s\n", error.c_str());
     return kExitUsage;
   }
-  std::printf("%s: %zu frames (%.2f s) -> %s\n", request.animation.c_str(), frames->size(),
+  std::printf("%s: %zu frames (%.2f s) -> %s\n", what.c_str(), frames->size(),
               frames->size() * kFrameMs / 1000.0, out.c_str());
   return kExitOk;
 }
@@ -69,11 +74,22 @@ int main(int argc, char** argv) {
   render.configDir = bundledConfigDir();
   auto* renderCmd = app.add_subcommand(
       "render",
-      "Play one animation on both eyes and write what the panels show: an animated WebP "
-      "(OUT.webp), a contact sheet (OUT.png) or numbered PNG frames (any other OUT, a directory).");
+      "Play one animation, or generated idle motion, on both eyes and write what the panels "
+      "show: an animated WebP (OUT.webp), a contact sheet (OUT.png) or numbered PNG frames (any "
+      "other OUT, a directory).");
   renderCmd->add_option("--config", render.configDir, "catalogue directory")->capture_default_str();
-  renderCmd->add_option("--animation", render.animation, "animation name")->required();
-  renderCmd->add_option("--out", render.out, "output file or directory (default NAME.webp)");
+  auto* what = renderCmd->add_option_group("what to play", "a catalogue animation or idle motion");
+  what->add_option("--animation", render.animation, "animation name");
+  auto* idleOption =
+      what->add_option("--idle", render.idleSeconds,
+                       "instead of an animation: SECONDS of idle motion (blinks, glances)")
+          ->check(CLI::Range(1, kMaxIdleSeconds));
+  what->require_option(1);
+  renderCmd->add_option("--seed", render.seed, "idle motion: random seed")
+      ->needs(idleOption)
+      ->capture_default_str();
+  renderCmd->add_option("--out", render.out,
+                        "output file or directory (default NAME.webp, idle.webp)");
   renderCmd->add_option("--iris", render.iris, "iris as SHAPE:STYLE, e.g. GLOW:CYAN");
   renderCmd->add_option("--background", render.background,
                         "background as TYPE:STYLE, e.g. IMAGE:SCLERA");

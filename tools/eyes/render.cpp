@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include "EyeControl.h"
+#include "EyeIdle.h"
 #include "Helper.h"
 #include "LcdControl.h"
 
@@ -117,6 +118,28 @@ bool writePicture(const std::string& path, const Picture& picture, std::string& 
   return false;
 }
 
+// Appends one frame per step of the player until `animation` has ended.
+void playFrames(EyeAnimation& animation, std::vector<Frame>& frames) {
+  animation.ClearAnimation();
+  animation.state = AnimationState::PLAYING;
+  uint64_t written[2] = {LcdControl::framesWritten(0), LcdControl::framesWritten(1)};
+  while (EyeControl::stepAnimationFrame(animation)) {
+    Frame frame = currentFrame();
+    for (uint8_t panel = 0; panel < 2; ++panel) {
+      const uint64_t now = LcdControl::framesWritten(panel);
+      frame.drawn[panel] = now != written[panel];
+      written[panel] = now;
+    }
+    frames.push_back(std::move(frame));
+  }
+}
+
+void holdFrames(std::vector<Frame>& frames, size_t count) {
+  if (count == 0) return;
+  const Frame held = currentFrame();
+  frames.insert(frames.end(), count, held);
+}
+
 }  // namespace
 
 BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
@@ -181,18 +204,25 @@ std::optional<std::vector<Frame>> renderAnimation(const std::string& name) {
   restEyes();
 
   std::vector<Frame> frames;
-  animation->ClearAnimation();
-  animation->state = AnimationState::PLAYING;
-  uint64_t written[2] = {LcdControl::framesWritten(0), LcdControl::framesWritten(1)};
-  while (EyeControl::stepAnimationFrame(*animation)) {
-    Frame frame = currentFrame();
-    for (uint8_t panel = 0; panel < 2; ++panel) {
-      const uint64_t now = LcdControl::framesWritten(panel);
-      frame.drawn[panel] = now != written[panel];
-      written[panel] = now;
-    }
-    frames.push_back(std::move(frame));
+  playFrames(*animation, frames);
+  return frames;
+}
+
+std::vector<Frame> renderIdle(int seconds, uint64_t seed) {
+  std::vector<Frame> frames;
+  if (!restPose || seconds <= 0) return frames;
+  restEyes();
+  const size_t total = static_cast<size_t>(seconds) * 1000 / kFrameMs;
+  frames.reserve(total);
+  for (const IdleStep& step :
+       IdleMotion::generate(IdleSettings{}, seed, EyeIdle::currentGaze(), seconds)) {
+    // The panels keep their last picture through the still time.
+    holdFrames(frames, static_cast<size_t>(step.delayMs / kFrameMs));
+    playFrames(*step.animation, frames);
   }
+  // The last animation may run past the end; the still time after it is held.
+  if (frames.size() > total) frames.resize(total);
+  holdFrames(frames, total - frames.size());
   return frames;
 }
 

@@ -36,6 +36,11 @@ struct Frame {
 // frame. Nothing when the catalogue has no such animation.
 std::optional<std::vector<Frame>> renderAnimation(const std::string& name);
 
+// `seconds` of idle motion (default IdleSettings) generated with `seed`, played from the
+// rest pose through the same per-frame step: exactly seconds * 25 frames, the still time
+// between the generated animations as held frames (nothing drawn).
+std::vector<Frame> renderIdle(int seconds, uint64_t seed);
+
 // Puts both eyes back in the pose they had when brought up and redraws them.
 void restEyes();
 
