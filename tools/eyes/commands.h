@@ -33,10 +33,6 @@ constexpr int kMaxIdleSeconds = 30;
 constexpr int kDemoIdleSeconds = 10;
 constexpr uint64_t kDemoIdleSeed = 1;
 
-// The catalogue's short name of an animation category ("ANGER", ...; "(none)" for 0
-// and unknown values).
-const char* categoryName(int category);
-
 // The directory of the bundled eye set, as built next to this program.
 std::string bundledConfigDir();
 

@@ -14,6 +14,7 @@
 
 #include "EyeControl.h"
 #include "commands.h"
+#include "lint.h"
 #include "render.h"
 
 namespace fs = std::filesystem;

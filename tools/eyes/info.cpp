@@ -6,16 +6,10 @@
 
 #include "EyeControl.h"
 #include "commands.h"
+#include "lint.h"
 #include "render.h"
 
 namespace eyes {
-
-const char* categoryName(int category) {
-  static const char* const names[] = {"(none)",  "ANGER",      "MISC",     "CONFUSION",
-                                      "SPECIAL", "DEPRESSION", "FEAR",     "HAPPINESS",
-                                      "HURT",    "IDLE",       "INTERNAL", "USER_DEFINED"};
-  return category > 0 && category < 12 ? names[category] : names[0];
-}
 
 int runInfo(const std::string& dir) {
   if (!std::filesystem::is_directory(dir)) {

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -465,6 +466,14 @@ std::string formatFinding(const Finding& finding) {
 bool hasErrors(const std::vector<Finding>& findings) {
   return std::any_of(findings.begin(), findings.end(),
                      [](const Finding& f) { return f.severity == Severity::Error; });
+}
+
+const char* categoryName(int category) {
+  static constexpr const char* kNames[] = {"NONE",    "ANGER",      "MISC",     "CONFUSION",
+                                           "SPECIAL", "DEPRESSION", "FEAR",     "HAPPINESS",
+                                           "HURT",    "IDLE",       "INTERNAL", "USER_DEFINED"};
+  return category > 0 && category < static_cast<int>(std::size(kNames)) ? kNames[category]
+                                                                        : kNames[0];
 }
 
 }  // namespace eyes

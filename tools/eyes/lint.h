@@ -25,4 +25,8 @@ std::string formatFinding(const Finding& finding);
 
 bool hasErrors(const std::vector<Finding>& findings);
 
+// The catalogue's short name of an animation category ("ANGER", ...), "NONE" for
+// none or an unknown value.
+const char* categoryName(int category);
+
 }  // namespace eyes

@@ -21,6 +21,7 @@
 #include "Helper.h"
 #include "LcdControl.h"
 #include "Timeline.h"
+#include "lint.h"
 
 using nlohmann::json;
 
@@ -154,13 +155,6 @@ long numberParam(const httplib::Request& req, const char* name, long lowest, lon
     throw BadRequest{400, "parameter \"" + std::string(name) + "\" must be a whole number from " +
                               std::to_string(lowest) + " to " + std::to_string(highest)};
   return value;
-}
-
-const char* categoryName(EyeAnimationCategory category) {
-  static constexpr const char* kNames[] = {"NONE",    "ANGER",      "MISC",     "CONFUSION",
-                                           "SPECIAL", "DEPRESSION", "FEAR",     "HAPPINESS",
-                                           "HURT",    "IDLE",       "INTERNAL", "USER_DEFINED"};
-  return category < std::size(kNames) ? kNames[category] : "NONE";
 }
 
 json poseJson(const studio::TrackFrame& track) {
@@ -348,7 +342,7 @@ json Studio::Impl::catalogueJson() {
   json animations = json::array();
   for (const auto& animation : EyeControl::eye_animations) {
     json categories = json::array();
-    for (auto category : animation->categories) categories.push_back(categoryName(category));
+    for (auto category : animation->categories) categories.push_back(eyes::categoryName(category));
     // The frame count does not depend on where the eyes start.
     const size_t frames = studio::buildTimeline(*animation, {}, {}).size();
     animations.push_back({{"name", animation->name},
