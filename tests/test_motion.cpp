@@ -274,14 +274,4 @@ TEST(Animation, CopiesAreSeparateAndClearRewindsBothTracks) {
   EXPECT_EQ(play(a.right, kStart).size(), 2u);
 }
 
-TEST(Animation, CategoryNamesAreExact) {
-  // Not alphabetical: MISC before CONFUSION.
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_MISC"), EYEANIMATION_MISC);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_CONFUSION"), 3);
-  EXPECT_EQ(EyeAnimation::getCategory("EYEANIMATION_USER_DEFINED"), 11);
-  for (const char* name :
-       {"EYEANIMATION_NONE", "eyeanimation_anger", "ANGER", "EYEANIMATION_ANGER "})
-    EXPECT_EQ(EyeAnimation::getCategory(name), EYEANIMATION_NONE) << name;
-}
-
 }  // namespace
