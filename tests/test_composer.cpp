@@ -243,8 +243,37 @@ TEST_F(ComposerTest, LidsPaintFromTheirLinesWithFillBeyondTheImage) {
   }
 }
 
-TEST_F(ComposerTest, LidPaintOutsideTheImageRowsFallsBackToTheFill) {
+TEST_F(ComposerTest, IrisCountersWrapAt256Pixels) {
+  // An iris 400 long starting at -100 shows its column (row) 256 as 0.
+  auto byIndex = [](int i) -> Rgba {
+    return {static_cast<uint8_t>(i % 16), static_cast<uint8_t>(i / 16 % 16),
+            static_cast<uint8_t>(i / 256), 255};
+  };
+  iris_ = image(400, 10, 4, [&](int x, int) { return byIndex(x); });
+  Frame f = compose(left_, 1.0f, 1.0f, 100, 120);  // columns -100..299, rows 115..124
+  for (int x = 0; x < N; ++x) EXPECT_EQ(f.at(x, 115), rgbOf(byIndex((x + 100) % 256))) << x;
+  iris_ = image(10, 400, 4, [&](int, int y) { return byIndex(y); });
+  f = compose(left_, 1.0f, 1.0f, 120, 100);
+  for (int y = 0; y < N; ++y) EXPECT_EQ(f.at(120, y), rgbOf(byIndex((y + 100) % 256))) << y;
+}
+
+TEST_F(ComposerTest, LidsWithoutAWholeImagePaintTheirFillOnly) {
+  // Without frames, null, or one pixel short of their rows.
+  background_ = backgroundOf([](int, int) { return plain(0, 0, 0); });
+  left_.iris = nullptr;
+  VContent shortLid = image(N, 10, 4, [](int, int) { return plain(1, 1, 1); });
+  shortLid.frames[0].resize(N * 10 * 4 - 4);
+  for (VContent* lid : {&topLid_, static_cast<VContent*>(nullptr), &shortLid}) {
+    left_.topLid = left_.bottomLid = lid;
+    const Frame f = compose(left_, 1.0f, 1.0f, 120, 120, 50, 200);
+    EXPECT_EQ(f.at(3, 49), Rgb({9, 9, 9}));
+    EXPECT_EQ(f.at(3, 50), Rgb({0, 0, 0}));
+    EXPECT_EQ(f.at(239, 200), Rgb({5, 5, 5}));
+  }
+
+  // Called for rows outside the lid image, the paint methods fall back to the fill.
   topLid_ = bottomLid_ = image(N, 10, 4, [](int, int) { return plain(2, 2, 2); });
+  left_.topLid = left_.bottomLid = &topLid_;
   unsigned char pixel[4] = {0, 0, 0, 255};
   left_.lid_top_Paint(pixel, 50, 239, 200);  // would be image row 160 of 10
   EXPECT_EQ(Rgb({pixel[0], pixel[1], pixel[2]}), Rgb({9, 9, 9}));
