@@ -375,12 +375,16 @@ TEST_F(Catalogue, AnimationSideNamesAndMissingValues) {
   EXPECT_EQ(animations[1]->id, 0);
 }
 
-TEST(AnimationCategories, ShortNamesGetThePrefix) {
+TEST(AnimationCategories, ShortNamesGetThePrefixAndMustMatchExactly) {
   using V = std::vector<EyeAnimationCategory>;
-  EXPECT_EQ(LoadEyeAnimations::getEyeAnimationCategories(Helper::split(
-                "HAPPINESS, IDLE,EYEANIMATION_ANGER,MISC,CONFUSION,USER_DEFINED", ',')),
-            (V{EYEANIMATION_HAPPINESS, EYEANIMATION_NONE, EYEANIMATION_NONE, EYEANIMATION_MISC,
-               EYEANIMATION_CONFUSION, EYEANIMATION_USER_DEFINED}));
+  // Not alphabetical: MISC before CONFUSION.
+  EXPECT_EQ(
+      LoadEyeAnimations::getEyeAnimationCategories(Helper::split(
+          "HAPPINESS, IDLE,EYEANIMATION_ANGER,MISC,CONFUSION,USER_DEFINED,anger,ANGER ", ',')),
+      (V{EYEANIMATION_HAPPINESS, EYEANIMATION_NONE, EYEANIMATION_NONE, EYEANIMATION_MISC,
+         EYEANIMATION_CONFUSION, EYEANIMATION_USER_DEFINED, EYEANIMATION_NONE, EYEANIMATION_NONE}));
+  EXPECT_EQ(EYEANIMATION_CONFUSION, 3);
+  EXPECT_EQ(EYEANIMATION_USER_DEFINED, 11);
   EXPECT_TRUE(LoadEyeAnimations::getEyeAnimationCategories({}).empty());
   // 255 names is the most a list may hold.
   const auto many =

@@ -4,10 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -127,26 +124,18 @@ TEST_F(EyeBlockTest, PositionBlocksPickTheirRecordsBySide) {
   // For BOTH, each record by its own side, a third never used, one of no known side
   // skipped, a BOTH record met second skipped. For one eye, its first record whatever
   // that record's side.
+  using P = EyePosition;
+  const EyeSide L = EyeSide::LEFT, R = EyeSide::RIGHT, B = EyeSide::BOTH;
   const struct {
     EyeSide side;
     std::vector<EyePosition> positions;
     short lx, ly, rx, ry;
   } cases[] = {
-      {EyeSide::BOTH,
-       {{EyeSide::LEFT, 0, 10, 0}, {EyeSide::RIGHT, 0, -10, 0}, {EyeSide::LEFT, 0, 99, 99}},
-       10,
-       0,
-       -10,
-       0},
-      {EyeSide::BOTH,
-       {{static_cast<EyeSide>(7), 0, 55, 55}, {EyeSide::LEFT, 0, 12, 13}},
-       12,
-       13,
-       -10,
-       0},
-      {EyeSide::BOTH, {{EyeSide::RIGHT, 0, 1, 2}, {EyeSide::BOTH, 0, 77, 77}}, 12, 13, 1, 2},
-      {EyeSide::LEFT, {{EyeSide::RIGHT, 0, 50, 60}, {EyeSide::LEFT, 0, 1, 1}}, 50, 60, 1, 2},
-      {EyeSide::RIGHT, {{EyeSide::LEFT, 0, 70, 80}}, 50, 60, 70, 80},
+      {B, {P{L, 0, 10, 0}, P{R, 0, -10, 0}, P{L, 0, 99, 99}}, 10, 0, -10, 0},
+      {B, {P{static_cast<EyeSide>(7), 0, 55, 55}, P{L, 0, 12, 13}}, 12, 13, -10, 0},
+      {B, {P{R, 0, 1, 2}, P{B, 0, 77, 77}}, 12, 13, 1, 2},
+      {L, {P{R, 0, 50, 60}, P{L, 0, 1, 1}}, 50, 60, 1, 2},
+      {R, {P{L, 0, 70, 80}}, 50, 60, 70, 80},
   };
   for (const auto& c : cases) {
     block = positionBlock(c.side, c.positions);

@@ -2,16 +2,11 @@
 // tracks of different lengths, eyelid switching and image-sequence ticking.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "EyeControl.h"
@@ -29,7 +24,6 @@ extern "C" const char* __tsan_default_options() {
 
 namespace {
 
-using namespace std::chrono_literals;
 using eyetest::Recorder;
 using eyetest::stopWorker;
 using eyetest::waitUntil;

@@ -183,20 +183,10 @@ Bytes randomFrame(unsigned seed) {
   return frame;
 }
 
-PanelModel replay(const Wire& wire, uint8_t panel) {
-  return PanelModel(wire, panel);
-}
-
 class St7789Test : public ::testing::Test {
  protected:
   std::shared_ptr<Wire> wire = std::make_shared<Wire>();
   St7789Output output{std::make_unique<RecordingTransport>(wire)};
-
-  size_t spiEvents() const {
-    size_t n = 0;
-    for (const auto& e : wire->events) n += e.kind == Wire::SPI;
-    return n;
-  }
 };
 
 TEST(St7789Options, ParsesKeysOverTheDefaultsAndRejectsBadOnes) {
@@ -228,82 +218,60 @@ TEST(St7789Options, ParsesKeysOverTheDefaultsAndRejectsBadOnes) {
   }
 }
 
-TEST_F(St7789Test, StartUpResetsBothPanelsThenSendsTheSequence) {
-  ASSERT_EQ(output.open(), 0);
-  EXPECT_EQ(wire->opens, 1);
-
-  // Both reset pulses, at least 1 ms low, come before any SPI traffic.
-  for (uint8_t panel = 0; panel < 2; ++panel) {
-    int lowMs = -1;
-    bool pulsed = false;
-    for (const auto& e : wire->events) {
-      if (e.kind == Wire::SPI) break;
-      if (e.kind == Wire::DELAY && lowMs >= 0 && !pulsed) lowMs += e.ms;
-      if (e.kind == Wire::RESET && e.panel == panel && !e.level) lowMs = 0;
-      if (e.kind == Wire::RESET && e.panel == panel && e.level && lowMs >= 0) pulsed = true;
-    }
-    EXPECT_TRUE(pulsed) << int(panel);
-    EXPECT_GE(lowMs, 1) << int(panel);
-  }
-
-  const std::vector<std::pair<uint8_t, Bytes>> sequence = {
-      {ST7789_SWRESET, {}}, {ST7789_SLPOUT, {}}, {ST7789_COLMOD, {0x53}}, {ST7789_MADCTL, {0x08}},
-      {ST7789_INVON, {}},   {ST7789_NORON, {}},  {ST7789_DISPON, {}}};
-  for (uint8_t panel = 0; panel < 2; ++panel) {
-    const PanelModel model = replay(*wire, panel);
-    ASSERT_EQ(model.resetsAtMs.size(), 1u);
-    std::vector<std::pair<uint8_t, Bytes>> sent;
-    for (const auto& c : model.commands) sent.emplace_back(c.code, c.params);
-    EXPECT_EQ(sent, sequence) << int(panel);
-    ASSERT_EQ(model.commands.size(), sequence.size());
-    // The controller's timing rules: 120 ms from reset to the first command, from
-    // SWRESET to SLPOUT, and 5 ms after SLPOUT.
-    EXPECT_GE(model.commands[0].atMs - model.resetsAtMs[0], 120);
-    EXPECT_GE(model.commands[1].atMs - model.commands[0].atMs, 120);
-    EXPECT_GE(model.commands[2].atMs - model.commands[1].atMs, 5);
-  }
-}
-
-TEST_F(St7789Test, FramesLandInPanelMemoryAsWrittenWithTheFullWindow) {
-  ASSERT_EQ(output.open(), 0);
+// One session per transfer limit, checked whole: reset pulses, start-up sequence and
+// its timing, a full window per frame, frame data in whole pixel pairs within the
+// limit, and panel memory holding the last frame of each panel.
+TEST_F(St7789Test, SessionStartsUpAndStreamsWholeFramesWithinTheTransportLimit) {
   const Bytes left = randomFrame(1), right = randomFrame(2), again = randomFrame(3);
-  ASSERT_EQ(output.write(1, right.data()), 0);
-  ASSERT_EQ(output.write(0, left.data()), 0);
-  ASSERT_EQ(output.write(0, again.data()), 0);
-
-  const PanelModel panel0 = replay(*wire, 0), panel1 = replay(*wire, 1);
-  EXPECT_EQ(panel0.picture(), LcdControl::unpack12Bit(again.data()));
-  EXPECT_EQ(panel1.picture(), LcdControl::unpack12Bit(right.data()));
-  EXPECT_EQ(panel0.pixelsPerWrite, (std::vector<size_t>{57600, 57600}));
-  EXPECT_EQ(panel1.pixelsPerWrite, (std::vector<size_t>{57600}));
-  EXPECT_EQ(panel0.leftoverNibbles, 0);
-
-  // Each frame: CASET 0..239, RASET 0..239, RAMWR.
-  std::vector<std::pair<uint8_t, Bytes>> window;
-  for (size_t i = panel1.commands.size() - 3; i < panel1.commands.size(); ++i)
-    window.emplace_back(panel1.commands[i].code, panel1.commands[i].params);
-  EXPECT_EQ(window, (std::vector<std::pair<uint8_t, Bytes>>{{ST7789_CASET, {0, 0, 0, 239}},
-                                                            {ST7789_RASET, {0, 0, 0, 239}},
-                                                            {ST7789_RAMWR, {}}}));
-
-  // Colour order on the glass, independent of unpack12Bit: pixel 0 pure red, pixel 1
-  // pure blue, pixel 2 pure green.
-  Bytes frame(LcdControl::kFrameBytes, 0);
-  frame[1] = 0xFF;  // [P.r Q.b]
-  frame[3] = 0x0F;  // next pair: [P.b P.g]
-  ASSERT_EQ(output.write(0, frame.data()), 0);
-  const Bytes rgb = replay(*wire, 0).picture();
-  EXPECT_EQ(Bytes(rgb.begin(), rgb.begin() + 9), (Bytes{255, 0, 0, 0, 0, 255, 0, 255, 0}));
-}
-
-TEST_F(St7789Test, TransfersStayWithinTheTransportLimit) {
-  const Bytes frame = randomFrame(4);
-  for (size_t limit : {size_t{1000}, size_t{4096}, size_t{7}, size_t{2}}) {
+  using Commands = std::vector<std::pair<uint8_t, Bytes>>;
+  const Commands startUp = {{ST7789_SWRESET, {}},    {ST7789_SLPOUT, {}}, {ST7789_COLMOD, {0x53}},
+                            {ST7789_MADCTL, {0x08}}, {ST7789_INVON, {}},  {ST7789_NORON, {}},
+                            {ST7789_DISPON, {}}};
+  const Commands window = {
+      {ST7789_CASET, {0, 0, 0, 239}}, {ST7789_RASET, {0, 0, 0, 239}}, {ST7789_RAMWR, {}}};
+  for (size_t limit : {size_t{4096}, size_t{1000}, size_t{7}, size_t{2}}) {
     SCOPED_TRACE(limit);
     wire->events.clear();
     wire->maxTransfer = limit;
     ASSERT_EQ(output.open(), 0);
-    ASSERT_EQ(output.write(1, frame.data()), 0);
+    ASSERT_EQ(output.write(1, right.data()), 0);
+    ASSERT_EQ(output.write(0, left.data()), 0);
+    ASSERT_EQ(output.write(0, again.data()), 0);
+
+    // Both reset pulses, at least 1 ms low, come before any SPI traffic.
+    for (uint8_t panel = 0; panel < 2; ++panel) {
+      int lowMs = -1;
+      bool pulsed = false;
+      for (const auto& e : wire->events) {
+        if (e.kind == Wire::SPI) break;
+        if (e.kind == Wire::DELAY && lowMs >= 0 && !pulsed) lowMs += e.ms;
+        if (e.kind == Wire::RESET && e.panel == panel) {
+          if (!e.level) lowMs = 0;
+          if (e.level && lowMs >= 0) pulsed = true;
+        }
+      }
+      EXPECT_TRUE(pulsed && lowMs >= 1) << int(panel) << " low for " << lowMs;
+    }
+
+    for (uint8_t panel = 0; panel < 2; ++panel) {
+      const PanelModel model(*wire, panel);
+      Commands expected = startUp;
+      for (size_t frame = 0; frame < 2u - panel; ++frame)
+        expected.insert(expected.end(), window.begin(), window.end());
+      Commands sent;
+      for (const auto& c : model.commands) sent.emplace_back(c.code, c.params);
+      ASSERT_EQ(sent, expected) << int(panel);
+      ASSERT_EQ(model.resetsAtMs.size(), 1u);
+      // 120 ms from reset to the first command and from SWRESET to SLPOUT, 5 ms after SLPOUT.
+      EXPECT_GE(model.commands[0].atMs - model.resetsAtMs[0], 120);
+      EXPECT_GE(model.commands[1].atMs - model.commands[0].atMs, 120);
+      EXPECT_GE(model.commands[2].atMs - model.commands[1].atMs, 5);
+      EXPECT_EQ(model.pixelsPerWrite, std::vector<size_t>(2u - panel, 57600));
+      EXPECT_EQ(model.leftoverNibbles, 0);
+      EXPECT_EQ(model.picture(), LcdControl::unpack12Bit((panel == 0 ? again : right).data()));
+    }
+
+    // Frame data in whole pixel pairs, using the limit (every chunk but a frame's last).
     std::vector<size_t> pixelChunks;
     bool afterRamWrite = false;
     for (const auto& e : wire->events) {
@@ -312,16 +280,23 @@ TEST_F(St7789Test, TransfersStayWithinTheTransportLimit) {
       if (!e.level) afterRamWrite = e.bytes == Bytes{ST7789_RAMWR};
       if (e.level && afterRamWrite) pixelChunks.push_back(e.bytes.size());
     }
-    // Frame data in whole pixel pairs and using the limit (all chunks but the last).
     size_t total = 0;
     for (size_t i = 0; i < pixelChunks.size(); ++i) {
       total += pixelChunks[i];
       EXPECT_TRUE(limit < 3 || pixelChunks[i] % 3 == 0) << i;
-      EXPECT_TRUE(i + 1 == pixelChunks.size() || pixelChunks[i] + 3 > limit) << i;
+      EXPECT_TRUE(total % LcdControl::kFrameBytes == 0 || pixelChunks[i] + 3 > limit) << i;
     }
-    EXPECT_EQ(total, LcdControl::kFrameBytes);
-    EXPECT_EQ(replay(*wire, 1).picture(), LcdControl::unpack12Bit(frame.data()));
+    EXPECT_EQ(total, 3 * LcdControl::kFrameBytes);
   }
+
+  // Colour order on the glass, independent of unpack12Bit: pixel 0 pure red, pixel 1
+  // pure blue, pixel 2 pure green.
+  Bytes frame(LcdControl::kFrameBytes, 0);
+  frame[1] = 0xFF;  // [P.r Q.b]
+  frame[3] = 0x0F;  // next pair: [P.b P.g]
+  ASSERT_EQ(output.write(0, frame.data()), 0);
+  const Bytes rgb = PanelModel(*wire, 0).picture();
+  EXPECT_EQ(Bytes(rgb.begin(), rgb.begin() + 9), (Bytes{255, 0, 0, 0, 0, 255, 0, 255, 0}));
 }
 
 TEST_F(St7789Test, TransportFailuresGiveNegativeStatusAndFramesRecover) {
@@ -333,7 +308,7 @@ TEST_F(St7789Test, TransportFailuresGiveNegativeStatusAndFramesRecover) {
   wire->openStatus = -1;
   EXPECT_LT(output.open(), 0);
   EXPECT_LT(output.write(0, frame.data()), 0);
-  EXPECT_EQ(spiEvents(), 0u);
+  EXPECT_TRUE(wire->events.empty());
 
   // Failing during the start-up sequence.
   wire->openStatus = 0;
@@ -356,7 +331,7 @@ TEST_F(St7789Test, TransportFailuresGiveNegativeStatusAndFramesRecover) {
   wire->spiFailsAfter = -1;
   const Bytes next = randomFrame(6);
   ASSERT_EQ(output.write(0, next.data()), 0);
-  EXPECT_EQ(replay(*wire, 0).picture(), LcdControl::unpack12Bit(next.data()));
+  EXPECT_EQ(PanelModel(*wire, 0).picture(), LcdControl::unpack12Bit(next.data()));
 }
 
 // EYE_LCD selects the output; LcdControl's state is put back to memory afterwards.
@@ -396,7 +371,7 @@ TEST_F(St7789LcdControlTest, WriteLcdReachesThePanelAndReportsTransportFailure) 
   data.lcd = 1;
   data.buffer = frame.data();
   EXPECT_EQ(LcdControl::writeLcd(&data), 0);
-  EXPECT_EQ(replay(*wire, 1).picture(), LcdControl::unpack12Bit(frame.data()));
+  EXPECT_EQ(PanelModel(*wire, 1).picture(), LcdControl::unpack12Bit(frame.data()));
 
   eyetest::LogCapture log;
   wire->spiFailsAfter = 0;

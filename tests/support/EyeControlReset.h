@@ -12,27 +12,17 @@
 namespace eyetest {
 
 inline void resetEye(Eyes& eye, short irisX, short irisY) {
-  eye.iris = nullptr;
-  eye.topLid = nullptr;
-  eye.background = nullptr;
-  eye.bottomLid = nullptr;
+  eye.iris = eye.background = eye.topLid = eye.bottomLid = nullptr;
   eye.lidImages = nullptr;
-  eye.topLidColor = nullptr;
-  eye.bottomLidColor = nullptr;
-  eye.offsetX = 0;
-  eye.offsetY = 0;
-  eye.irisSeq = SequenceState{};
-  eye.topLidSeq = SequenceState{};
-  eye.bottomLidSeq = SequenceState{};
-  eye.backgroundSeq = SequenceState{};
+  eye.topLidColor = eye.bottomLidColor = nullptr;
+  eye.offsetX = eye.offsetY = 0;
+  eye.irisSeq = eye.topLidSeq = eye.bottomLidSeq = eye.backgroundSeq = SequenceState{};
   eye.irisX = irisX;
   eye.irisY = irisY;
-  eye.scaleX = 1.0f;
-  eye.scaleY = 1.0f;
+  eye.scaleX = eye.scaleY = 1.0f;
   eye.topLidY = 0;
   eye.bottomLidY = 240;
-  eye.topLidIndex = 0;
-  eye.bottomLidIndex = 0;
+  eye.topLidIndex = eye.bottomLidIndex = 0;
   eye.busy = false;
 }
 
