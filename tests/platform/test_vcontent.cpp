@@ -1,7 +1,10 @@
 // Image-content library: PNG decoding into frame layouts, sequences, paths, writing.
 #include <gtest/gtest.h>
+#include <png.h>
 
 #include <algorithm>
+#include <csetjmp>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -25,6 +28,40 @@ class VContentTest : public ::testing::Test {
   void TearDown() override { VContent::setBaseDirectory(""); }
   TempDir tmp;
 };
+
+// Writes a PNG of any colour type and depth with libpng directly, so that the decoder
+// is checked against a writer other than its own. `rows` are raw packed scanlines.
+// The conformance suite is not on every machine; these cases check the decoder without it.
+bool writeRawPng(const std::string& path, uint32_t w, uint32_t h, int depth, int colorType,
+                 const std::vector<std::vector<uint8_t>>& rows,
+                 const std::vector<png_color>& palette = {},
+                 const std::vector<uint8_t>& trnsAlpha = {},
+                 const png_color_16* trnsColor = nullptr, bool interlaced = false) {
+  std::FILE* f = std::fopen(path.c_str(), "wb");
+  if (!f) return false;
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png_create_info_struct(png);
+  std::vector<png_bytep> ptrs;
+  for (const auto& r : rows) ptrs.push_back(const_cast<png_bytep>(r.data()));
+  bool ok = false;
+  if (!setjmp(png_jmpbuf(png))) {
+    png_init_io(png, f);
+    png_set_IHDR(png, info, w, h, depth, colorType,
+                 interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    if (!palette.empty()) png_set_PLTE(png, info, palette.data(), int(palette.size()));
+    if (!trnsAlpha.empty() || trnsColor)
+      png_set_tRNS(png, info, trnsAlpha.empty() ? nullptr : trnsAlpha.data(), int(trnsAlpha.size()),
+                   trnsColor);
+    png_write_info(png, info);
+    png_write_image(png, ptrs.data());
+    png_write_end(png, nullptr);
+    ok = true;
+  }
+  png_destroy_write_struct(&png, &info);
+  std::fclose(f);
+  return ok;
+}
 
 // A w x h RGB image whose every pixel is (r, g, b).
 std::vector<uint8_t> solid(uint32_t w, uint32_t h, uint8_t r, uint8_t g, uint8_t b) {
@@ -96,6 +133,58 @@ TEST_F(VContentTest, WritePngRoundTripsAndReportsFailures) {
   EXPECT_FALSE(VContent::writePng(tmp.str() + "empty.png", 0, 2, rgb.data(), false));
   EXPECT_EQ(log.errors().size(), 2u);
   EXPECT_FALSE(fs::exists(tmp.path() / "empty.png"));
+}
+
+TEST_F(VContentTest, DecodesColourTypesAndDepths) {
+  const std::string dir = tmp.str();
+
+  // Grey 4-bit: 0x3 scales to 0x33, 0xF to 0xFF.
+  ASSERT_TRUE(writeRawPng(dir + "g4.png", 3, 1, 4, PNG_COLOR_TYPE_GRAY, {{0x3F, 0x00}}));
+  EXPECT_EQ(VContent::getImage(dir + "g4.png", true, false).frames.at(0),
+            (std::vector<uint8_t>{0x33, 0x33, 0x33, 255, 255, 255, 255, 255, 0, 0, 0, 255}));
+
+  // Grey 1-bit with a tRNS grey value: the black pixels become transparent.
+  png_color_16 black{};
+  ASSERT_TRUE(writeRawPng(dir + "g1.png", 4, 1, 1, PNG_COLOR_TYPE_GRAY, {{0xA0}}, {}, {}, &black));
+  EXPECT_EQ(VContent::getImage(dir + "g1.png", true, false).frames.at(0),
+            (std::vector<uint8_t>{255, 255, 255, 255, 0, 0, 0, 0, 255, 255, 255, 255, 0, 0, 0, 0}));
+
+  // Palette 2-bit with tRNS alpha for the first two entries only.
+  std::vector<png_color> pal = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}, {0x12, 0x34, 0x56}};
+  ASSERT_TRUE(
+      writeRawPng(dir + "p2.png", 4, 1, 2, PNG_COLOR_TYPE_PALETTE, {{0x1B}}, pal, {0, 128}));
+  EXPECT_EQ(VContent::getImage(dir + "p2.png", true, true).frames.at(0),
+            (std::vector<uint8_t>{15, 0, 0, 0, 0, 15, 0, 128, 0, 0, 15, 255, 1, 3, 5, 255}));
+
+  // 16-bit grey+alpha: the low byte is dropped, not rounded (0x12FF gives 0x12).
+  ASSERT_TRUE(writeRawPng(dir + "ga16.png", 2, 1, 16, PNG_COLOR_TYPE_GRAY_ALPHA,
+                          {{0x12, 0xFF, 0x80, 0xFF, 0xFF, 0xFF, 0x00, 0x01}}));
+  EXPECT_EQ(VContent::getImage(dir + "ga16.png", true, false).frames.at(0),
+            (std::vector<uint8_t>{0x12, 0x12, 0x12, 0x80, 0xFF, 0xFF, 0xFF, 0x00}));
+
+  // 16-bit RGB with a tRNS colour, interlaced, in a size that leaves passes empty.
+  png_color_16 key{};
+  key.red = 0x0102;
+  key.green = 0x0304;
+  key.blue = 0x0506;
+  std::vector<std::vector<uint8_t>> rows;
+  for (int y = 0; y < 3; ++y) {
+    std::vector<uint8_t> row;
+    for (int x = 0; x < 2; ++x) {
+      if (x == 1 && y == 2)
+        row.insert(row.end(), {1, 2, 3, 4, 5, 6});
+      else
+        row.insert(row.end(), {uint8_t(16 * x), 0xFF, uint8_t(32 * y), 0xFF, 0xAB, 0x00});
+    }
+    rows.push_back(row);
+  }
+  ASSERT_TRUE(writeRawPng(dir + "c16.png", 2, 3, 16, PNG_COLOR_TYPE_RGB, rows, {}, {}, &key, true));
+  VContent c16 = VContent::getImage(dir + "c16.png", true, false);
+  EXPECT_EQ(c16.width, 2);
+  EXPECT_EQ(c16.height, 3);
+  EXPECT_EQ(c16.frames.at(0),
+            (std::vector<uint8_t>{0,  0,  0xAB, 255, 16, 0,  0xAB, 255, 0, 32, 0xAB, 255,
+                                  16, 32, 0xAB, 255, 0,  64, 0xAB, 255, 1, 3,  5,    0}));
 }
 
 TEST_F(VContentTest, MissingAndBrokenFilesGiveEmptyImageAndOneError) {
