@@ -31,11 +31,11 @@ class VContent {
   uint16_t frameTotal = 0;                   // sprite-sheet frame count ("ft"); 0 = all
   uint16_t width = 0;                        // of every frame, in pixels
   uint16_t height = 0;
-  std::string path;            // as given to getImage / the catalogue
-  uint16_t bytesPerPixel = 0;  // 3 or 4 once loaded, 0 before
-  uint8_t ratio = 1;           // animation ticks each frame is held
-  uint16_t loop = 0;           // plays of a sequence; 0 = for ever
-  uint8_t loadFlags = 0;       // kLoad* bits: how loadSequence decodes
+  std::string path;                          // as given to getImage / the catalogue
+  uint16_t bytesPerPixel = 0;                // 3 or 4 once loaded, 0 before
+  uint8_t ratio = 1;                         // animation ticks each frame is held
+  uint16_t loop = 0;                         // plays of a sequence; 0 = for ever
+  uint8_t loadFlags = 0;                     // kLoad* bits: how loadSequence decodes
 
   static constexpr uint8_t kLoadWithoutAlpha = 1;  // 3 bytes per pixel
   static constexpr uint8_t kLoadFullDepth = 2;     // keep 8-bit colour channels
@@ -49,9 +49,9 @@ class VContent {
 
   // Decodes the PNG file (or sequence, see above) at `path`. Any colour type and
   // bit depth is converted. A missing, corrupt or oversized file, or one that is no
-  // regular file (a FIFO, a device), gives an image without
-  // frames (width and height 0, `path` set) and one error logged through spdlog's
-  // default logger naming the path; never throws.
+  // regular file (a FIFO, a device), gives an image without frames (width and height
+  // 0, `path` set) and one error logged through spdlog's default logger naming the
+  // path; never throws.
   static VContent getImage(const std::string& path, bool withAlpha, bool twelveBit);
 
   // Appends a width x height frame filled with one colour. With `twelveBit` the
