@@ -2,12 +2,16 @@
 // frame, worker threads after their last notification, open files after reloading.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "AllocationCounter.h"
 #include "EyeControl.h"
@@ -68,28 +72,47 @@ TEST_F(ResourceTest, PlayingAllocatesNothingPerFrame) {
   EXPECT_EQ(allocationsOfPlay(160), allocationsOfPlay(800));
 }
 
-// Once a worker has sent its last notification it ends: the process's thread count
-// comes back to where it was, play after play and block after block.
+// Remembers which thread sent each last notification of a worker.
+class WorkerThreads : public EyeEventListener {
+ public:
+  void onEyeComplete(unsigned short) override { add(); }
+  void onEyeAbort(unsigned short) override { add(); }
+  std::vector<pid_t> ids() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return ids_;
+  }
+
+ private:
+  void add() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ids_.push_back(static_cast<pid_t>(syscall(SYS_gettid)));
+  }
+  std::mutex mutex_;
+  std::vector<pid_t> ids_;
+};
+
+// Once a worker has sent its last notification it ends, play after play and block
+// after block: its thread leaves the process.
 TEST_F(ResourceTest, NoWorkerOutlivesItsNotification) {
-  const size_t baseline = entriesIn("/proc/self/task");
+  WorkerThreads workers;
+  EyeEvent::AddListener(&workers, false);
   const std::string longest = EyeControl::eye_animations.back()->name;
   for (unsigned short i = 1; i <= 10; ++i) {
     if (i % 2) {
       ASSERT_EQ(EyeControl::setAnimation(i, longest), 0);
-      EyeControl::Abort();
     } else {
       auto block = std::make_shared<BlockEye>(BLOCK_EYE_POSITION);
       block->positions = {{EyeSide::BOTH, 0, 20, 0}};
       ASSERT_EQ(EyeControl::ProcessEyeBlock(block), 0);
-      EyeControl::Abort();
     }
+    EyeControl::Abort();
     // One notification per play, a start and a complete per block.
-    ASSERT_TRUE(recorder_.waitForCount((i + 1) / 2 + 2 * (i / 2)))
-        << "notification of worker " << i;
-    EXPECT_TRUE(waitUntil([&] { return entriesIn("/proc/self/task") == baseline; }))
-        << entriesIn("/proc/self/task") << " threads after worker " << i << ", " << baseline
-        << " before";
+    ASSERT_TRUE(recorder_.waitForCount((i + 1) / 2 + 2 * (i / 2))) << "worker " << i;
+    const pid_t worker = workers.ids().at(i - 1u);
+    const std::string task = "/proc/self/task/" + std::to_string(worker);
+    EXPECT_TRUE(waitUntil([&] { return !fs::exists(task); })) << "worker " << i << " still runs";
   }
+  EyeEvent::RemoveListener(&workers);
 }
 
 // Catalogues naming good, truncated, missing images, a directory and a FIFO, loaded
