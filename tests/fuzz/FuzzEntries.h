@@ -13,7 +13,7 @@
 namespace eyefuzz {
 
 struct Entry {
-  const char* name;  // as in tests/fuzz/CMakeLists.txt and regressions/<name>/
+  const char* name;  // target fuzz_<name>; kept inputs in regressions/<name>/
   void (*run)(const uint8_t* data, size_t size);
 };
 
