@@ -1,5 +1,6 @@
-// Replays every input a fuzz target once failed on (tests/fuzz/regressions/<entry>/)
-// and the bundled catalogues through the same entry points, in the normal build.
+// Replays the inputs kept in tests/fuzz/regressions/<entry>/ (ones a target failed on,
+// and the documented failures each entry must accept) and the bundled set through the
+// same entry points, in the normal build.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -33,8 +34,8 @@ TEST(FuzzRegressions, KeptInputsPassTheirEntry) {
       ++replayed;
     }
   }
+  EXPECT_GT(replayed, 0u);
   eyetest::resetEyeControl();
-  if (replayed == 0) GTEST_SKIP() << "no kept inputs yet";
 }
 
 TEST(FuzzRegressions, BundledCataloguesPassTheirEntry) {
