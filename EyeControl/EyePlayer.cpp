@@ -177,7 +177,16 @@ void EyeControl::Abort() {
     // Eye blocks of other kinds are only waited for.
     if (auto animation = loadActive()) animation->state = AnimationState::ABORTING;
   }
-  while (is_processing) sleepFully(0, 5000000L);
+  while (is_processing) {
+    sleepFully(0, 5000000L);
+    // A worker that had not begun yet clears the request when it starts playing, and an
+    // animation block installs its animation only then: ask again. A play that has
+    // already completed stays completed.
+    if (active_type != BLOCK_EYE_ANIMATION) continue;
+    if (auto animation = loadActive())
+      for (AnimationState from : {AnimationState::IDLE, AnimationState::PLAYING})
+        if (animation->state.compare_exchange_strong(from, AnimationState::ABORTING)) break;
+  }
 }
 
 int8_t EyeControl::ProcessEyeBlock(std::shared_ptr<BlockEye> block) {

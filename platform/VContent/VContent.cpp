@@ -1,7 +1,10 @@
 #include "VContent.h"
 
+#include <fcntl.h>
 #include <png.h>
 #include <spdlog/spdlog.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,10 +19,11 @@
 
 namespace {
 
-// Frames are addressed with 16-bit sizes; anything bigger than this many pixels is
-// refused before allocating (a corrupt header can claim gigabytes).
+// Frames are addressed with 16-bit sizes and indexes. A header can claim gigabytes,
+// so sizes are checked before anything is allocated (limits in VContent.h).
 constexpr uint32_t kMaxDimension = 65535;
-constexpr uint64_t kMaxPixels = uint64_t{1} << 26;
+constexpr uint64_t kMaxPixels = VContent::kMaxPixels;
+constexpr uint32_t kMaxFrames = VContent::kMaxFrames;
 
 std::mutex& baseMutex() {
   static std::mutex m;
@@ -123,8 +127,18 @@ struct Decoded {
 bool decodeFile(const std::string& path, uint8_t flags, Decoded& out) {
   const std::string file = VContent::resolvePath(path);
   FileCloser fc;
-  fc.f = std::fopen(file.c_str(), "rb");
+  // Non-blocking open and a type check first: a FIFO or a device named in a
+  // catalogue would otherwise stall start-up or never end.
+  const int fd = ::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  struct stat info {};
+  if (fd >= 0 && (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+    ::close(fd);
+    spdlog::error("VContent: cannot open image {}: not a regular file", path);
+    return false;
+  }
+  if (fd >= 0) fc.f = ::fdopen(fd, "rb");
   if (!fc.f) {
+    if (fd >= 0) ::close(fd);
     spdlog::error("VContent: cannot open image {}", path);
     return false;
   }
@@ -201,7 +215,8 @@ VContent VContent::getImage(const std::string& path, bool withAlpha, bool twelve
 
 void VContent::AddFrame(const std::string& name, int width, int height, bool withAlpha,
                         bool twelveBit, uint8_t r, uint8_t g, uint8_t b, uint8_t a) {
-  if (width <= 0 || height <= 0 || width > int{kMaxDimension} || height > int{kMaxDimension}) {
+  if (width <= 0 || height <= 0 || width > int{kMaxDimension} || height > int{kMaxDimension} ||
+      uint64_t(width) * uint64_t(height) > kMaxPixels) {
     spdlog::error("VContent: frame {} of {} x {} pixels not added", name, width, height);
     return;
   }
@@ -259,6 +274,7 @@ void VContent::loadSequence() {
       }
       std::vector<std::vector<uint8_t>> loaded;
       uint32_t w = 0, h = 0;
+      uint64_t pixels = 0;
       const std::string dir = path.back() == '/' ? path : path + "/";
       for (const auto& name : names) {
         Decoded frame;
@@ -270,6 +286,12 @@ void VContent::loadSequence() {
           spdlog::error("VContent: frame {}{} is {} x {}, not {} x {}; skipped", dir, name,
                         frame.width, frame.height, w, h);
           continue;
+        }
+        pixels += uint64_t{w} * h;
+        if (pixels > kMaxPixels || loaded.size() == kMaxFrames) {
+          spdlog::error("VContent: sequence {} is larger than {} pixels or {} frames; not loaded",
+                        path, kMaxPixels, kMaxFrames);
+          return;
         }
         loaded.push_back(std::move(frame.pixels));
       }
@@ -297,6 +319,11 @@ void VContent::loadSequence() {
         spdlog::error("VContent: sheet {} holds {} frames of {} x {}, not {}", path, fit, width,
                       height, frameTotal);
       count = std::min<uint32_t>(frameTotal, fit);
+    }
+    if (count > kMaxFrames) {
+      spdlog::error("VContent: sheet {} holds {} frames, more than {}; not loaded", path, count,
+                    kMaxFrames);
+      return;
     }
     if (count == 0) {
       spdlog::error("VContent: sheet {} ({} x {}) is smaller than one {} x {} frame", path,

@@ -40,15 +40,24 @@ class VContent {
   static constexpr uint8_t kLoadWithoutAlpha = 1;  // 3 bytes per pixel
   static constexpr uint8_t kLoadFullDepth = 2;     // keep 8-bit colour channels
 
+  // Limits of one image or sequence, checked before anything is allocated: at most
+  // 65535 pixels a side, kMaxPixels pixels in all its frames together (a 4096 x 4096
+  // image, 64 MiB with alpha) and kMaxFrames frames (frameIndex is 16-bit). Larger
+  // files are refused like corrupt ones: no frames, one error logged.
+  static constexpr uint64_t kMaxPixels = uint64_t{1} << 24;
+  static constexpr uint32_t kMaxFrames = 65535;
+
   // Decodes the PNG file (or sequence, see above) at `path`. Any colour type and
-  // bit depth is converted. A missing or corrupt file gives an image without
-  // frames (width and height 0, `path` set) and one error logged through spdlog's
-  // default logger naming the path; never throws.
+  // bit depth is converted. A missing, corrupt or oversized file, or one that is no
+  // regular file (a FIFO, a device), gives an image without frames (width and height
+  // 0, `path` set) and one error logged through spdlog's default logger naming the
+  // path; never throws.
   static VContent getImage(const std::string& path, bool withAlpha, bool twelveBit);
 
   // Appends a width x height frame filled with one colour. With `twelveBit` the
   // colour channels are stored as r >> 4, g >> 4, b >> 4. Sets width and height
-  // when the image had no frame yet. `name` is informational.
+  // when the image had no frame yet. `name` is informational. A size beyond the
+  // limits above adds nothing and logs an error.
   void AddFrame(const std::string& name, int width, int height, bool withAlpha, bool twelveBit,
                 uint8_t r, uint8_t g, uint8_t b, uint8_t a);
 
