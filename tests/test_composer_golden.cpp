@@ -30,8 +30,9 @@ uint64_t fnv1a(const std::vector<uint8_t>& bytes) {
   return hash;
 }
 
-// Images from integer arithmetic only, so they are the same everywhere. The iris has a
-// soft rim and mid alphas so that blends and bilinear weights both matter.
+// Images from integer arithmetic only, so they are the same everywhere. The iris has
+// flat patches (equal neighbours are where a reordered or fused bilinear sum lands on
+// the other side of an integer), a little noise, and a soft rim with mid alphas.
 VContent iris(int w, int h) {
   VContent image;
   image.width = static_cast<uint16_t>(w);
@@ -42,9 +43,9 @@ VContent iris(int w, int h) {
     for (int x = 0; x < w; ++x, p += 4) {
       const int dx = 2 * x - w, dy = 2 * y - h;
       const int d = (dx * dx + dy * dy) * 255 / (w * w);
-      p[0] = static_cast<uint8_t>((x * 7 + y) % 16);
-      p[1] = static_cast<uint8_t>((x ^ y) & 15);
-      p[2] = static_cast<uint8_t>((y * 5 + x / 3) % 16);
+      p[0] = static_cast<uint8_t>((x / 8 * 3 + y / 8 * 5) % 16);
+      p[1] = static_cast<uint8_t>(d / 20 % 16);
+      p[2] = static_cast<uint8_t>((x * 7 + y) % 16);
       p[3] = static_cast<uint8_t>(d < 150 ? 255 : (d > 255 ? 0 : (255 - d) * 2 + (x & 3)));
     }
   return image;
