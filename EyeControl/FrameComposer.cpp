@@ -502,16 +502,48 @@ struct NeonOps {
     }
   }
 
+  // One translucent pixel over another, the three channels (and a spare) side by side.
+  static void blendLane(uint8_t* dst, const uint8_t* src, const AlphaWeights& w) {
+    const uint8_t alpha = src[3];
+    uint32_t old;
+    std::memcpy(&old, dst, 4);  // its fourth byte is the next pixel's, written back as it was
+    const float32x4_t sum = vaddq_f32(vaddq_f32(vmulq_n_f32(pixelFloats(src), w.a[alpha]),
+                                                vmulq_n_f32(pixelFloats(dst), w.na[alpha])),
+                                      vdupq_n_f32(0.5f));
+    const uint16x4_t narrow = vmovn_u32(vcvtq_u32_f32(sum));
+    const uint32_t rgb =
+        vget_lane_u32(vreinterpret_u32_u8(vmovn_u16(vcombine_u16(narrow, narrow))), 0);
+    const uint32_t result = (rgb & 0x00FFFFFFu) | (old & 0xFF000000u);
+    std::memcpy(dst, &result, 4);
+  }
+
   // 16, then 8 pixels at a time; groups that are all opaque or all clear take no
-  // arithmetic, the others go pixel by pixel.
+  // arithmetic; in the others the opaque pixels are selected side by side and only the
+  // translucent ones are blended, one by one.
   static void overRgba(uint8_t* dst, const uint8_t* src, int n, const AlphaWeights& w) {
+    const uint8x16_t opaqueFrom = vdupq_n_u8(Eyes::kOpaqueAlpha + 1);
     int i = 0;
     for (; i + 16 <= n; i += 16) {
       const uint8x16x4_t v = vld4q_u8(src + 4 * i);
-      if (vminvq_u8(v.val[3]) > Eyes::kOpaqueAlpha) {
-        vst3q_u8(dst + 3 * i, uint8x16x3_t{{v.val[0], v.val[1], v.val[2]}});
-      } else if (vmaxvq_u8(v.val[3]) != 0) {
-        for (int k = i; k < i + 16; ++k) overPixel(dst + 3 * k, src + 4 * k, w);
+      const uint8x16_t alpha = v.val[3];
+      uint8_t* d = dst + 3 * i;
+      if (vminvq_u8(alpha) > Eyes::kOpaqueAlpha) {
+        vst3q_u8(d, uint8x16x3_t{{v.val[0], v.val[1], v.val[2]}});
+        continue;
+      }
+      if (vmaxvq_u8(alpha) == 0) continue;
+      const uint8x16_t opaque = vcgeq_u8(alpha, opaqueFrom);
+      uint8x16x3_t rgb = vld3q_u8(d);
+      for (int c = 0; c < 3; ++c) rgb.val[c] = vbslq_u8(opaque, v.val[c], rgb.val[c]);
+      vst3q_u8(d, rgb);
+      // Four bits per pixel that is neither opaque nor clear.
+      const uint8x16_t translucent = vbicq_u8(vtstq_u8(alpha, alpha), opaque);
+      uint64_t lanes =
+          vget_lane_u64(vreinterpret_u64_u8(vshrn_n_u16(vreinterpretq_u16_u8(translucent), 4)), 0);
+      while (lanes != 0) {
+        const int k = __builtin_ctzll(lanes) / 4;
+        blendLane(d + 3 * k, src + 4 * (i + k), w);
+        lanes &= ~(uint64_t{0xF} << (4 * k));
       }
     }
     if (i + 8 <= n) {
@@ -558,26 +590,25 @@ struct NeonOps {
       sampleLoop<false>(out, base, stride, cols, j0, j1, dy, rowA, rowC);
   }
 
-  // One sample per step, its four channels side by side, the sum in rule order:
+  // Each sample's four channels side by side, the sum in rule order:
   // ((A*(1-dx))*(1-dy) + (B*dx)*(1-dy)) + (C*(1-dx))*dy + (D*dx)*dy. Separate multiplies
-  // and adds (the build never contracts them into fused ones).
+  // and adds (the build never contracts them into fused ones). Two samples a step.
   template <bool kFloatRows>
   static void sampleLoop(uint8_t* out, const uint8_t* base, size_t stride, const Columns& cols,
                          int j0, int j1, float dy, const float (*rowA)[4], const float (*rowC)[4]) {
     const float32x4_t ndy = vdupq_n_f32(1.0f - dy);
     const float32x4_t vdy = vdupq_n_f32(dy);
-    for (int j = j0; j < j1; ++j) {
-      const float32x4_t ndx = vld1q_f32(cols.weight[j]);
-      const float32x4_t dx = vld1q_f32(cols.weight[j] + 4);
+    const uint8_t* rowABytes = reinterpret_cast<const uint8_t*>(rowA);
+    const uint8_t* rowCBytes = reinterpret_cast<const uint8_t*>(rowC);
+    auto sampleAt = [&](const float* weight, int32_t at) {
+      const float32x4_t ndx = vld1q_f32(weight), dx = vld1q_f32(weight + 4);
       float32x4_t a, b, c, d;
       if (kFloatRows) {
-        const float* pa = reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(rowA) +
-                                                         cols.rowByte[j]);
-        const float* pc = reinterpret_cast<const float*>(reinterpret_cast<const uint8_t*>(rowC) +
-                                                         cols.rowByte[j]);
-        a = vld1q_f32(pa), b = vld1q_f32(pa + 4), c = vld1q_f32(pc), d = vld1q_f32(pc + 4);
+        const float32x4x2_t ab = vld1q_f32_x2(reinterpret_cast<const float*>(rowABytes + at));
+        const float32x4x2_t cd = vld1q_f32_x2(reinterpret_cast<const float*>(rowCBytes + at));
+        a = ab.val[0], b = ab.val[1], c = cd.val[0], d = cd.val[1];
       } else {
-        const uint8_t* pa = base + cols.offset[j];
+        const uint8_t* pa = base + at;
         a = pixelFloats(pa), b = pixelFloats(pa + 4);
         c = pixelFloats(pa + stride), d = pixelFloats(pa + stride + 4);
       }
@@ -585,9 +616,18 @@ struct NeonOps {
           vaddq_f32(vmulq_f32(vmulq_f32(a, ndx), ndy), vmulq_f32(vmulq_f32(b, dx), ndy));
       sum = vaddq_f32(sum, vmulq_f32(vmulq_f32(c, ndx), vdy));
       sum = vaddq_f32(sum, vmulq_f32(vmulq_f32(d, dx), vdy));
-      const uint16x4_t narrow = vmovn_u32(vcvtq_u32_f32(sum));  // truncation toward zero
-      const uint8x8_t bytes = vmovn_u16(vcombine_u16(narrow, narrow));
-      vst1_lane_u32(reinterpret_cast<uint32_t*>(out + 4 * j), vreinterpret_u32_u8(bytes), 0);
+      return vmovn_u32(vcvtq_u32_f32(sum));  // truncation toward zero
+    };
+    const float* weight = cols.weight[j0];
+    const int32_t* at = (kFloatRows ? cols.rowByte : cols.offset) + j0;
+    uint8_t* o = out + 4 * j0;
+    uint8_t* const end = out + 4 * j1;
+    for (; o + 8 <= end; o += 8, weight += 16, at += 2)
+      vst1_u8(o, vmovn_u16(vcombine_u16(sampleAt(weight, at[0]), sampleAt(weight + 8, at[1]))));
+    if (o < end) {
+      const uint16x4_t last = sampleAt(weight, at[0]);
+      vst1_lane_u32(reinterpret_cast<uint32_t*>(o),
+                    vreinterpret_u32_u8(vmovn_u16(vcombine_u16(last, last))), 0);
     }
   }
 
