@@ -275,7 +275,8 @@ int callgrindFrames(const std::string& sceneName, const std::string& implName, i
 
 int main(int argc, char** argv) {
   if (const char* isa = std::getenv("EYE_COMPOSER_ISA"))
-    for (eyeframe::Isa candidate : {eyeframe::Isa::Portable, eyeframe::Isa::Avx2})
+    for (eyeframe::Isa candidate :
+         {eyeframe::Isa::Portable, eyeframe::Isa::Avx2, eyeframe::Isa::Neon})
       if (std::string(isa) == eyeframe::isaName(candidate)) eyeframe::selectIsa(candidate);
   if (argc >= 2 && std::string(argv[1]) == "--frames")
     return argc == 5 ? callgrindFrames(argv[2], argv[3], std::atoi(argv[4])) : 2;
