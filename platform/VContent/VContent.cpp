@@ -23,7 +23,6 @@ namespace {
 // so sizes are checked before anything is allocated (limits in VContent.h).
 constexpr uint32_t kMaxDimension = 65535;
 constexpr uint64_t kMaxPixels = VContent::kMaxPixels;
-constexpr uint32_t kMaxFrames = VContent::kMaxFrames;
 
 std::mutex& baseMutex() {
   static std::mutex m;

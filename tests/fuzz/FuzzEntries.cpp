@@ -14,6 +14,9 @@
 #include "Helper.h"
 #include "LoadEyeAnimations.h"
 #include "VContent.h"
+#ifdef EYE_FUZZ_LINT
+#include "lint.h"
+#endif
 
 namespace eyefuzz {
 namespace {
@@ -151,6 +154,17 @@ void pngImage(const uint8_t* data, size_t size) {
   checkImage(sheet);
 }
 
+#ifdef EYE_FUZZ_LINT
+// The catalogue checker on a directory whose four catalogues all hold the input: every
+// reader of the checker sees it, and no input may make the checker throw or crash.
+void lintCatalogues(const uint8_t* data, size_t size) {
+  for (const char* name : {"iris_type.xml", "background_type.xml", "eyelid.xml"})
+    scratch().write(name, data, size);
+  const std::string path = scratch().write("eyeanimations.xml", data, size);
+  eyes::lintCatalogues(std::filesystem::path(path).parent_path().string());
+}
+#endif
+
 }  // namespace
 
 // tests/fuzz/CMakeLists.txt builds one target per line of this table that starts with
@@ -162,6 +176,9 @@ const std::vector<Entry>& entries() {
       {"eyelid_catalogue", eyelidCatalogue},
       {"animation_catalogue", animationCatalogue},
       {"png", pngImage},
+#ifdef EYE_FUZZ_LINT
+      {"lint", lintCatalogues},
+#endif
   };
   return all;
 }
