@@ -108,6 +108,8 @@ TEST_F(ResourceTest, NoWorkerOutlivesItsNotification) {
     EyeControl::Abort();
     // One notification per play, a start and a complete per block.
     ASSERT_TRUE(recorder_.waitForCount((i + 1) / 2 + 2 * (i / 2))) << "worker " << i;
+    // The recorder hears first; this listener may not have run yet.
+    ASSERT_TRUE(waitUntil([&] { return workers.ids().size() >= i; })) << "worker " << i;
     const pid_t worker = workers.ids().at(i - 1u);
     const std::string task = "/proc/self/task/" + std::to_string(worker);
     EXPECT_TRUE(waitUntil([&] { return !fs::exists(task); })) << "worker " << i << " still runs";
