@@ -11,41 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "AllocationCounter.h"
 #include "Eyes.h"
 #include "FrameComposer.h"
 #include "LcdControl.h"
 #include "ReferenceComposer.h"
 #include "VContent.h"
-
-// Counts every allocation through the global operator new, the library's included.
-namespace {
-std::atomic<long> allocations{0};
-
-void* counted(std::size_t size) {
-  ++allocations;
-  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-  throw std::bad_alloc();
-}
-}  // namespace
-
-void* operator new(std::size_t size) {
-  return counted(size);
-}
-void* operator new[](std::size_t size) {
-  return counted(size);
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-  std::free(p);
-}
 
 namespace {
 
@@ -319,17 +290,17 @@ TEST_F(ComposerEquivalenceTest, FramesAllocateNothing) {
   ASSERT_EQ(eye.set_Frame_12Bit(1.0f, 1.0f, 120, 120, 0, 240), 0);  // the panel's first frame
   for (eyeframe::Isa isa : availableIsas()) {
     ASSERT_TRUE(eyeframe::selectIsa(isa));
-    const long before = allocations.load();
+    const long before = eyetest::threadAllocations().count;
     eye.set_Frame_12Bit(1.0f, 1.0f, 120, 120, 0, 240);
     eye.set_Frame_12Bit(1.3f, 1.1f, 120, 120, 60, 200);
     eye.set_Frame_12Bit(1.0f, 1.0f, 100, 140, 130, 110);
     eye.set_Frame_12Bit(2.7f, 0.6f, -20, 250, -4, 90);
-    EXPECT_EQ(allocations.load() - before, 0) << eyeframe::isaName(isa);
+    EXPECT_EQ(eyetest::threadAllocations().count - before, 0) << eyeframe::isaName(isa);
   }
   // The counter sees allocations at all.
-  const long before = allocations.load();
+  const long before = eyetest::threadAllocations().count;
   std::vector<uint8_t> probe(10);
-  EXPECT_GT(allocations.load(), before);
+  EXPECT_GT(eyetest::threadAllocations().count, before);
 }
 
 }  // namespace
