@@ -12,7 +12,7 @@
 
 #include "AllocationCounter.h"
 #include "Eyes.h"
-#include "FrameComposer.h"
+#include "compose/Composer.h"
 #include "LcdControl.h"
 #include "ReferenceComposer.h"
 #include "VContent.h"

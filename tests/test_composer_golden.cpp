@@ -14,7 +14,7 @@
 
 #include "EyeSideAnimation.h"
 #include "Eyes.h"
-#include "FrameComposer.h"
+#include "compose/Composer.h"
 #include "LcdControl.h"
 #include "VContent.h"
 #include "moveEvent.h"

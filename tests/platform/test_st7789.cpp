@@ -239,10 +239,13 @@ TEST_F(St7789Test, ChangedRegionsGoAsWindowsAndThePanelsAlwaysHoldTheFrame) {
     for (size_t i = writesBefore; i < writes.size(); ++i) pixels += writes[i];
     EXPECT_EQ(pixels, step.pixels);
     EXPECT_EQ(writes.size() - writesBefore, step.windows);
-    if (step.pixels == 0) EXPECT_EQ(wire->spiBytes, pixelsBefore);  // not even a command
+    if (step.pixels == 0) {
+      EXPECT_EQ(wire->spiBytes, pixelsBefore);  // not even a command
+    }
     for (uint8_t p = 0; p < 2; ++p)
-      if (!model[p].pixelsPerWrite.empty())
+      if (!model[p].pixelsPerWrite.empty()) {
         ASSERT_EQ(model[p].picture(), LcdControl::unpack12Bit(frame[p].data())) << int(p);
+      }
   }
   output.requestFullFrames();
   ASSERT_EQ(output.write(1, frame[1].data()), 0);
