@@ -18,19 +18,17 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "EyeControl.h"
-#include "EyeEvent.h"
 #include "EyeIdle.h"
 #include "Helper.h"
 #include "LcdControl.h"
+#include "PlayWait.h"
 #include "SpidevTransport.h"
 #include "St7789Output.h"
 
@@ -103,33 +101,12 @@ class ModelledPanels : public St7789Output {
   Traffic& traffic_;
 };
 
-std::mutex doneMutex;
-std::condition_variable doneChanged;
-unsigned playsEnded = 0;
-
-void onEnded(unsigned short) {
-  std::lock_guard<std::mutex> lock(doneMutex);
-  ++playsEnded;
-  doneChanged.notify_all();
-}
-
-double cpuSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-
 // Plays `name` to its end; the seconds it took.
 double play(const std::string& name) {
-  unsigned before;
-  {
-    std::lock_guard<std::mutex> lock(doneMutex);
-    before = playsEnded;
-  }
+  const unsigned before = benchplay::ended();
   const auto start = Clock::now();
   if (EyeControl::setAnimation(1, name) != 0) return 0.0;
-  std::unique_lock<std::mutex> lock(doneMutex);
-  doneChanged.wait(lock, [&] { return playsEnded != before; });
+  benchplay::waitForEnd(before);
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
@@ -180,9 +157,9 @@ Row measure(ModelledPanels& panels, Traffic& traffic, const std::string& name) {
   traffic = Traffic{};
   for (auto& s : panels.stamps) s.clear();
   Row row;
-  const double cpu0 = cpuSeconds();
+  const double cpu0 = benchplay::cpuSeconds();
   row.seconds = play(name);
-  row.cpu = cpuSeconds() - cpu0;
+  row.cpu = benchplay::cpuSeconds() - cpu0;
   row.traffic = traffic;
   for (const auto& s : panels.stamps) row.periods.add(s);
   row.plays = 1;
@@ -192,6 +169,7 @@ Row measure(ModelledPanels& panels, Traffic& traffic, const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // rows as they come: a run takes minutes
   std::vector<uint32_t> clocks;
   for (int i = 1; i < argc; ++i) clocks.push_back(static_cast<uint32_t>(std::atof(argv[i])));
   if (clocks.empty()) clocks = {32000000, 40000000};
@@ -210,8 +188,7 @@ int main(int argc, char** argv) {
   std::fprintf(stderr, "bench_panel: built without the bundled eye set\n");
   return 1;
 #endif
-  EyeEvent::AddListenerOnComplete(onEnded);
-  EyeEvent::AddListenerOnAbort(onEnded);
+  benchplay::listen();
   std::vector<std::string> names;
   for (const auto& animation : EyeControl::eye_animations) names.push_back(animation->name);
 
@@ -259,7 +236,6 @@ int main(int argc, char** argv) {
         100.0 * idle.saved(), 100.0 * all.saved(),
         static_cast<unsigned long long>(all.traffic.messages), 1000.0 * all.cpu / all.seconds);
   }
-  EyeEvent::RemoveListenerOnComplete(onEnded);
-  EyeEvent::RemoveListenerOnAbort(onEnded);
+  benchplay::stopListening();
   return 0;
 }
