@@ -93,10 +93,9 @@ class ModelledPanels : public St7789Output {
     if (wholeFrames) requestFullFrames();
     const int status = St7789Output::write_(panel, frame);
     ++traffic_.frames;
-    // The writes of one player frame follow each other at once; the next frame's come
-    // a period later.
-    if (start - frameStart_ > std::chrono::milliseconds(FRAME_PERIOD_MS / 2))
-      frameStart_ = start, frameBus_ = {};
+    // The player draws the left eye (panel 0) before the right one in each frame.
+    if (panel == 0 || lastPanel_ == 1) frameBus_ = {};
+    lastPanel_ = panel;
     frameBus_ += traffic_.bus - before;
     worstFrameBus = std::max(worstFrameBus, frameBus_);
     const auto end = start + (traffic_.bus - before);
@@ -110,8 +109,8 @@ class ModelledPanels : public St7789Output {
 
  private:
   Traffic& traffic_;
-  Clock::time_point frameStart_{};
   Clock::duration frameBus_{};
+  uint8_t lastPanel_ = 1;
 };
 
 // Plays `name` to its end; the seconds it took.

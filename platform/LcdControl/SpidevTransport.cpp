@@ -78,10 +78,6 @@ size_t spidevBufsiz() {
   return 4096;
 }
 
-// spidev rounds each transfer up to the DMA alignment in its bounce buffer: 128 bytes
-// on arm64, less elsewhere; the largest is taken everywhere.
-constexpr size_t kDmaAlign = 128;
-
 class SpidevTransport : public PanelTransport {
  public:
   explicit SpidevTransport(St7789Options options) : options_(std::move(options)) {}
@@ -133,32 +129,26 @@ class SpidevTransport : public PanelTransport {
     return gpiod_line_set_value(rst_[panel]->line, level ? 1 : 0) == 0 ? 0 : -1;
   }
 
-  // One SPI_IOC_MESSAGE for the pieces where spidev takes them: it copies a message's
-  // bytes into its bounce buffer of bufsiz bytes, each piece rounded up to the DMA
-  // alignment, and refuses a message that does not fit (EMSGSIZE). A message that would
-  // not fit goes as several, split between pieces.
   int spiWrite(uint8_t panel, const SpiPiece* pieces, size_t count) override {
     if (panel >= LcdControl::kPanels || fds_[panel] < 0) return -1;
-    size_t queued = 0, room = 0;
-    auto flush = [&] {
-      if (queued == 0) return true;
-      const bool ok = ioctl(fds_[panel], SPI_IOC_MESSAGE(queued), transfers_.data()) >= 0;
-      queued = room = 0;
-      return ok;
-    };
-    for (size_t i = 0; i < count; ++i) {
-      const size_t need = (pieces[i].size + kDmaAlign - 1) / kDmaAlign * kDmaAlign;
-      if (queued == transfers_.size() || (queued > 0 && room + need > maxTransfer_))
-        if (!flush()) return -1;
-      spi_ioc_transfer& transfer = transfers_[queued++];
-      transfer = spi_ioc_transfer{};
-      transfer.tx_buf = reinterpret_cast<uintptr_t>(pieces[i].bytes);
-      transfer.len = static_cast<uint32_t>(pieces[i].size);
-      transfer.speed_hz = options_.hz;
-      transfer.bits_per_word = 8;
-      room += need;
+    while (count > 0) {
+      const size_t n = spidevMessagePieces(pieces, count, maxTransfer_, transfers_.size());
+      for (size_t i = 0; i < n; ++i) {
+        spi_ioc_transfer& transfer = transfers_[i];
+        transfer = spi_ioc_transfer{};
+        transfer.tx_buf = reinterpret_cast<uintptr_t>(pieces[i].bytes);
+        transfer.len = static_cast<uint32_t>(pieces[i].size);
+        transfer.speed_hz = options_.hz;
+        transfer.bits_per_word = 8;
+      }
+      // SPI_IOC_MESSAGE(n) spelt out: its array-size form needs a constant n.
+      const unsigned long request =
+          _IOC(_IOC_WRITE, SPI_IOC_MAGIC, 0, n * sizeof(spi_ioc_transfer));
+      if (ioctl(fds_[panel], request, transfers_.data()) < 0) return -1;
+      pieces += n;
+      count -= n;
     }
-    return flush() ? 0 : -1;
+    return 0;
   }
 
   size_t maxTransfer() const override { return maxTransfer_; }
@@ -251,6 +241,21 @@ std::string St7789Options::describe() const {
          ",dc0=" + std::to_string(dc[0]) + ",dc1=" + std::to_string(dc[1]) +
          ",rst0=" + std::to_string(rst[0]) + ",rst1=" + std::to_string(rst[1]) +
          ",hz=" + std::to_string(hz) + ",mode=" + std::to_string(mode);
+}
+
+size_t spidevMessagePieces(const SpiPiece* pieces, size_t count, size_t bufsiz,
+                           size_t maxTransfers) {
+  // Each transfer takes its size rounded up to the DMA alignment: 128 bytes on arm64,
+  // less elsewhere; the largest is taken everywhere.
+  constexpr size_t kDmaAlign = 128;
+  size_t n = 0, used = 0;
+  while (n < count && n < maxTransfers) {
+    const size_t need = (pieces[n].size + kDmaAlign - 1) / kDmaAlign * kDmaAlign;
+    if (n > 0 && used + need > bufsiz) break;
+    used += need;
+    ++n;
+  }
+  return n;
 }
 
 std::unique_ptr<PanelTransport> makeSpidevTransport(const St7789Options& options) {

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -35,6 +36,12 @@ struct St7789Options {
   static bool parse(const std::string& text, St7789Options& out, std::string& error);
   std::string describe() const;
 };
+
+// How many of the `count` pieces (at least one) spidev takes in one SPI_IOC_MESSAGE:
+// it copies a message into its bounce buffer of `bufsiz` bytes and refuses one that
+// does not fit (EMSGSIZE), so a message of many pieces may have to go as several.
+size_t spidevMessagePieces(const SpiPiece* pieces, size_t count, size_t bufsiz,
+                           size_t maxTransfers);
 
 // Linux spidev (ioctl interface) and libgpiod for the lines. Lines shared between the
 // panels, or still held by the output being replaced, are requested once.
