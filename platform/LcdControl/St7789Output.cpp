@@ -204,7 +204,12 @@ int St7789Output::write_(uint8_t panel, const uint8_t* frame) {
     return failure(status);
   }
   failing_[panel] = false;
-  if (count > 0) std::memcpy(shown_[panel].data(), frame, LcdControl::kFrameBytes);
+  // Rows outside the windows, and bytes of their rows outside them, are equal already.
+  for (size_t i = 0; i < count; ++i) {
+    const size_t first = static_cast<size_t>(windows_[i].row0) * kRowBytes;
+    const size_t end = static_cast<size_t>(windows_[i].row1 + 1) * kRowBytes;
+    std::memcpy(shown_[panel].data() + first, frame + first, end - first);
+  }
   known_[panel] = true;
   return 0;
 }
