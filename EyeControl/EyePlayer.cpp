@@ -90,6 +90,7 @@ void runPositionBlock(const BlockEye& block) {
 }  // namespace
 
 std::shared_ptr<EyeAnimation> EyeControl::getAnimation(const std::string& name) {
+  PlayGate::Reading reading;  // the catalogue may be read anew meanwhile
   for (const auto& animation : eye_animations)
     if (animation && animation->name == name) return animation;
   return {};
