@@ -62,6 +62,19 @@ void pointBackgrounds() {
   EyeControl::Right_Eye.background = &EyeControl::default_background.right;
 }
 
+// Puts the side's images of `part` in `shown`; only a change of both sides takes the
+// part's offsets, so a one-sided change keeps those of the images already in place.
+// Swapped, not assigned: the images replaced leave with `part`, after the caller's
+// PlayGate::Change.
+void swapIn(EyePart& shown, EyePart& part, EyeSide side) {
+  if (side == EyeSide::BOTH) {
+    shown.offsetX = part.offsetX;
+    shown.offsetY = part.offsetY;
+  }
+  if (affectsLeftEye(side)) std::swap(shown.left, part.left);
+  if (affectsRightEye(side)) std::swap(shown.right, part.right);
+}
+
 // Points an eye at everything start-up gives it and draws its first frame.
 void wireEye(Eyes& eye, VContent& iris, VContent& background, short x) {
   {
@@ -375,22 +388,10 @@ int EyeControl::setIris(IrisShape shape, ColorCode color, EyeSide side) {
 int EyeControl::setIris(EyePart part, EyeSide side) {
   PlayGate::applicationActivity();
   {
-    // Swapped, not assigned: the images replaced go with `part`, after the gate.
     PlayGate::Change change;
-    // Only a change of both eyes takes the part's offsets; a one-sided change keeps
-    // the offsets of the iris already in place.
-    if (side == EyeSide::BOTH) {
-      default_iris.offsetX = part.offsetX;
-      default_iris.offsetY = part.offsetY;
-    }
-    if (affectsLeftEye(side)) {
-      std::swap(default_iris.left, part.left);
-      pointIris(Left_Eye, &default_iris.left);
-    }
-    if (affectsRightEye(side)) {
-      std::swap(default_iris.right, part.right);
-      pointIris(Right_Eye, &default_iris.right);
-    }
+    swapIn(default_iris, part, side);
+    if (affectsLeftEye(side)) pointIris(Left_Eye, &default_iris.left);
+    if (affectsRightEye(side)) pointIris(Right_Eye, &default_iris.right);
   }
   SetFrames(side);
   return 0;
@@ -438,18 +439,9 @@ int EyeControl::setBackground(EyePart part, EyeSide side) {
   PlayGate::applicationActivity();
   {
     PlayGate::Change change;
-    if (side == EyeSide::BOTH) {
-      default_background.offsetX = part.offsetX;
-      default_background.offsetY = part.offsetY;
-    }
-    if (affectsLeftEye(side)) {
-      std::swap(default_background.left, part.left);
-      Left_Eye.background = &default_background.left;
-    }
-    if (affectsRightEye(side)) {
-      std::swap(default_background.right, part.right);
-      Right_Eye.background = &default_background.right;
-    }
+    swapIn(default_background, part, side);
+    if (affectsLeftEye(side)) Left_Eye.background = &default_background.left;
+    if (affectsRightEye(side)) Right_Eye.background = &default_background.right;
   }
   SetFrames(side);
   return 0;

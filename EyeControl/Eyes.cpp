@@ -104,40 +104,19 @@ void restartSequence(SequenceState& state) {
 
 }  // namespace
 
-Eyes::Eyes(bool isLeft, short irisX, short irisY)
-    : isLeft(isLeft), irisX(irisX), irisY(irisY), homeX_(irisX), homeY_(irisY) {}
+Eyes::Eyes(bool isLeft, short irisX, short irisY) : isLeft(isLeft), homeX_(irisX), homeY_(irisY) {
+  this->irisX = irisX;
+  this->irisY = irisY;
+}
 
 EyePose Eyes::pose() const {
   PlayGate::Reading reading;
-  return {iris,          topLid,      background,     bottomLid, lidImages, offsetX,
-          offsetY,       topLidColor, bottomLidColor, irisSeq,   topLidSeq, bottomLidSeq,
-          backgroundSeq, irisX,       irisY,          scaleX,    scaleY,    topLidY,
-          bottomLidY,    topLidIndex, bottomLidIndex};
+  return *this;
 }
 
-void Eyes::setPose(const EyePose& p) {
+void Eyes::setPose(const EyePose& pose) {
   PlayGate::Change change;
-  iris = p.iris;
-  topLid = p.topLid;
-  background = p.background;
-  bottomLid = p.bottomLid;
-  lidImages = p.lidImages;
-  offsetX = p.offsetX;
-  offsetY = p.offsetY;
-  topLidColor = p.topLidColor;
-  bottomLidColor = p.bottomLidColor;
-  irisSeq = p.irisSeq;
-  topLidSeq = p.topLidSeq;
-  bottomLidSeq = p.bottomLidSeq;
-  backgroundSeq = p.backgroundSeq;
-  irisX = p.irisX;
-  irisY = p.irisY;
-  scaleX = p.scaleX;
-  scaleY = p.scaleY;
-  topLidY = p.topLidY;
-  bottomLidY = p.bottomLidY;
-  topLidIndex = p.topLidIndex;
-  bottomLidIndex = p.bottomLidIndex;
+  static_cast<EyePose&>(*this) = pose;
 }
 
 void Eyes::rest() {

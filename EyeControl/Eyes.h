@@ -40,7 +40,8 @@ struct SequenceState {
   uint8_t tick = 1;  // ticks the current frame has been held
 };
 
-// Everything an eye shows and where, as one value: what tools keep and put back.
+// Everything an eye shows and where, as one value: what tools keep and put back. The
+// eye's own fields are these.
 struct EyePose {
   VContent* iris = nullptr;
   VContent* topLid = nullptr;
@@ -65,7 +66,7 @@ struct EyePose {
   unsigned short bottomLidIndex = 0;
 };
 
-class Eyes {
+class Eyes : public EyePose {
  public:
   static constexpr int kSize = 240;             // panel width and height
   static constexpr int kFrameBytes = 86400;     // 240 * 240 pixels at 12 bits
@@ -111,27 +112,6 @@ class Eyes {
                                 unsigned char& out0, unsigned char& out1);
 
   bool isLeft;
-  VContent* iris = nullptr;
-  VContent* topLid = nullptr;
-  VContent* background = nullptr;
-  VContent* bottomLid = nullptr;
-  std::vector<EyeLidPart>* lidImages = nullptr;
-  int8_t offsetX = 0;
-  int8_t offsetY = 0;
-  uint8_t* topLidColor = nullptr;
-  uint8_t* bottomLidColor = nullptr;
-  SequenceState irisSeq;
-  SequenceState topLidSeq;
-  SequenceState bottomLidSeq;
-  SequenceState backgroundSeq;
-  short irisX;
-  short irisY;
-  float scaleX = 1.0f;
-  float scaleY = 1.0f;
-  short topLidY = 0;
-  short bottomLidY = 240;
-  unsigned short topLidIndex = 0;
-  unsigned short bottomLidIndex = 0;
   std::atomic<bool> busy{false};
 
  private:
