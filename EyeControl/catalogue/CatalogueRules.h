@@ -132,6 +132,16 @@ struct Base0Reading {
 Base0Reading readBase0(const char* text, uint8_t bits, bool isSigned);
 // The reader's value of a Base0 attribute: 0 when absent.
 long base0Attribute(const tinyxml2::XMLElement* e, const AttributeRule& rule);
+// What the readers take from an entry, by the entry's rule: RequiredText throws
+// std::logic_error when missing, Text gives "" ; Int and Base0 give the value cut to
+// the field; Decimal the float.
+std::string textOf(const tinyxml2::XMLElement* e, const EntryRule& entry, const char* attribute);
+long numberOf(const tinyxml2::XMLElement* e, const EntryRule& entry, const char* attribute);
+// An Int attribute before the cut (the lid colours are divided first).
+int uncutIntOf(const tinyxml2::XMLElement* e, const EntryRule& entry, const char* attribute);
+float decimalOf(const tinyxml2::XMLElement* e, const EntryRule& entry, const char* attribute);
+// `value` cut to the rule's field width, as the reader stores it.
+long cutToField(long value, const AttributeRule& rule);
 // IntAttribute reading: nothing when the text is not a whole number (the default is used).
 std::optional<int> readInt(const char* text);
 // Decimal reading: nothing when no number could be read or text follows it.
