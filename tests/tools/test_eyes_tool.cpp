@@ -149,7 +149,7 @@ TEST(EyesLint, FindsEachProblemOnItsLine) {
       {"iris_type.xml",
        "<List>\n<Iris_Type name=\"CLASSIC\">\n<Iris style=\"A\" left=\"iris_type.xml\"/>\n"
        "</Iris_Type>\n</List>\n",
-       3, E, "not a PNG"},
+       3, E, "cannot be loaded"},
       {"background_type.xml",
        colors + "<Background_Type name=\"IMAGE\">\n<Background style=\"B\" left=\"" + kIrisImage +
            "\"/>\n</Background_Type>\n</List>\n",
@@ -157,7 +157,7 @@ TEST(EyesLint, FindsEachProblemOnItsLine) {
       {"eyelid.xml",
        lids + "<Data name=\"b\" id=\"1\" path=\"" + kIrisImage +
            "\"/>\n</Images>\n<Animations/>\n</List>\n",
-       4, E, "must be 240 x any height"},
+       4, E, "must be 240 wide"},
       {"eyelid.xml",
        lids + "<Data name=\"b\" id=\"0\" path=\"images/eyelid/neutral_top.png\"/>\n</Images>\n"
               "<Animations/>\n</List>\n",

@@ -60,7 +60,7 @@ int runInfo(const std::string& dir) {
   std::printf("\nAnimations (%zu), by category (name, id, length):\n",
               EyeControl::eye_animations.size());
   for (const auto& [category, animations] : byCategory) {
-    std::printf("  %s\n", categoryName(category));
+    std::printf("  %s\n", categoryName(category).c_str());
     for (const EyeAnimation* animation : animations)
       std::printf("    %-20s %5u %6.2f s\n", animation->name.c_str(), animation->id,
                   animationFrameCount(*animation) * kFrameMs / 1000.0);
