@@ -222,8 +222,10 @@ TEST(EyesProgram, ExitStatuses) {
     EXPECT_EQ(run(std::string(command) + " --help"), 0);
   EXPECT_EQ(run(""), 2);
   EXPECT_EQ(run("frobnicate"), 2);
-  EXPECT_EQ(run("lint"), 2);
+  EXPECT_EQ(run("--version"), 0);
+  EXPECT_EQ(run("lint --config /nonexistent"), 2);
   EXPECT_EQ(run("lint /nonexistent"), 2);
+  EXPECT_EQ(run("lint " + bundled + " --config " + bundled), 2);
   EXPECT_EQ(run("lint " + bundled), 0);
   EXPECT_EQ(run("info " + bundled), 0);
   EXPECT_EQ(run("render --config " + bundled + " --animation no_such_one"), 2);

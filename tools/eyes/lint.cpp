@@ -10,7 +10,7 @@
 #include <set>
 
 #include "Color.h"
-#include "LogCapture.h"
+#include "Logging.h"
 #include "VContent.h"
 #include "moveEvent.h"
 

@@ -1,5 +1,5 @@
-// Holds back what the library logs while it runs, so that a tool can report the
-// reason in its own words once instead of the library's line beside it.
+// How the tools treat the library's log: on stderr, apart from their own output, each
+// line once; and held back where a tool reports the reason in its own words.
 #pragma once
 
 #include <spdlog/logger.h>
@@ -12,6 +12,11 @@
 #include <vector>
 
 namespace eyes {
+
+// Makes the default logger write "PROGRAM: level: message" to stderr, without
+// timestamps and without repeating a line it already wrote (both eyes load the same
+// image, so the library reports a bad one twice).
+void logToStderr(const std::string& program);
 
 class LogCapture {
  public:
