@@ -112,14 +112,15 @@ bool writeIndex(const fs::path& path, const std::string& configDir, const Render
          "h2{border-bottom:1px solid #444;margin-top:2em}figure{display:inline-block;margin:.5em;"
          "vertical-align:top}img{width:280px;height:140px;display:block}figcaption{font-size:.85em;"
          "margin-top:.3em}a{color:#9cf}.meta{color:#888}"
-         ".broken{background:#5a1d1d;color:#fdd;padding:.6em;border-radius:4px}</style></head><body>\n"
+         ".broken{background:#5a1d1d;color:#fdd;padding:.6em;border-radius:4px}</style></"
+         "head><body>\n"
       << "<h1>Eye animations</h1>\n"
       << (broken ? "<p class=\"broken\">The catalogues have errors: what you see is not what they "
                    "say. Run <code>eyes lint --config " +
                        escapeHtml(configDir) + "</code> to see them.</p>\n"
                  : "")
-      << "<p class=\"meta\">" << all.size() << " animations from "
-      << escapeHtml(configDir) << ", both eyes as the panels show them (left eye on the left). "
+      << "<p class=\"meta\">" << all.size() << " animations from " << escapeHtml(configDir)
+      << ", both eyes as the panels show them (left eye on the left). "
       << "Click an animation for all its frames.</p>\n"
       << "<h2>Idle life</h2>\n"
       << figure(idle, "seed " + std::to_string(kDemoIdleSeed) + ", " + durationText(idle.frames) +

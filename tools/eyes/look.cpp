@@ -1,5 +1,7 @@
 #include "look.h"
 
+#include <spdlog/spdlog.h>
+
 #include <exception>
 #include <filesystem>
 

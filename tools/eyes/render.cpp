@@ -245,8 +245,8 @@ BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
         !iris.empty()};
   if (EyeControl::default_background.left.frames.empty() ||
       EyeControl::default_background.right.frames.empty())
-    return {"no background " + BackgroundType::getName(look.backgroundKind) + ":" +
-                look.backgroundStyle + " in " + configDir,
+    return {"the background " + BackgroundType::getName(look.backgroundKind) + ":" +
+                look.backgroundStyle + " is not in " + configDir + " or its image does not load",
             !background.empty()};
   restPose = {EyeRest::of(EyeControl::Left_Eye), EyeRest::of(EyeControl::Right_Eye)};
   return {};
