@@ -28,17 +28,23 @@ const XMLElement* loadList(XMLDocument& doc, const char* path) {
   return list;
 }
 
+// One Group per group element of the catalogue at `path`, in file order.
+template <typename Group, typename ReadGroup>
+std::vector<Group> readGroups(const char* path, const EntryRule& groupRule, ReadGroup readGroup) {
+  std::vector<Group> result;
+  XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
+  const XMLElement* list = loadList(doc, path);
+  forEachEntry(list, groupRule.element,
+               [&](const XMLElement* group) { result.push_back(readGroup(group)); });
+  return result;
+}
+
 }  // namespace
 
 std::vector<IrisType> EyeControl::getIrisTypes(const char* path) {
-  std::vector<IrisType> result;
-  XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
-  const XMLElement* list = loadList(doc, path);
-  if (list == nullptr) return result;
-
   const EntryRule& groupRule = irisGroupRule();
   const EntryRule& entry = irisRule();
-  forEachEntry(list, groupRule.element, [&](const XMLElement* group) {
+  return readGroups<IrisType>(path, groupRule, [&](const XMLElement* group) {
     IrisType type;
     type.shape = IrisType::getShape(textOf(group, groupRule, "name"));
     std::vector<Iris> irises;
@@ -52,20 +58,14 @@ std::vector<IrisType> EyeControl::getIrisTypes(const char* path) {
       irises.push_back(iris);
     });
     type.irises = irises;
-    result.push_back(type);
+    return type;
   });
-  return result;
 }
 
 std::vector<BackgroundType> EyeControl::getBackgroundTypes(const char* path) {
-  std::vector<BackgroundType> result;
-  XMLDocument doc(true, tinyxml2::PRESERVE_WHITESPACE);
-  const XMLElement* list = loadList(doc, path);
-  if (list == nullptr) return result;
-
   const EntryRule& groupRule = backgroundGroupRule();
   const EntryRule& entry = backgroundRule();
-  forEachEntry(list, groupRule.element, [&](const XMLElement* group) {
+  return readGroups<BackgroundType>(path, groupRule, [&](const XMLElement* group) {
     BackgroundType type;
     type.type = BackgroundType::getShape(textOf(group, groupRule, "name"));
     std::vector<Background> backgrounds;
@@ -83,9 +83,8 @@ std::vector<BackgroundType> EyeControl::getBackgroundTypes(const char* path) {
       backgrounds.push_back(background);
     });
     type.backgrounds = backgrounds;
-    result.push_back(type);
+    return type;
   });
-  return result;
 }
 
 std::vector<EyeLidPart> EyeControl::get_LidImages(const char* path) {
