@@ -30,7 +30,8 @@ std::string bundledConfigDir() {
   const fs::path self = fs::read_symlink("/proc/self/exe", ec);
   if (!ec && *EYE_INSTALLED_ASSETS_DIR) {
     const fs::path installed = (self.parent_path() / EYE_INSTALLED_ASSETS_DIR).lexically_normal();
-    if (fs::is_regular_file(installed / "iris_type.xml", ec)) return installed.string();
+    const char* firstFile = catalogue::fileName(catalogue::kLoadOrder.front());
+    if (fs::is_regular_file(installed / firstFile, ec)) return installed.string();
   }
   return EYE_DEFAULT_ASSETS_DIR;
 }
