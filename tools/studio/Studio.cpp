@@ -288,24 +288,9 @@ bool Studio::Impl::showBackground(const std::string& type, const std::string& st
   return true;
 }
 
-// The eyelid catalogue was read anew, so the eyes' lid pointers are stale; the
-// iris and background are read again so that edited images show.
+// The library has pointed the eyes into the eyelid catalogue read anew; the iris and
+// background are read again so that edited images show.
 void Studio::Impl::wireAfterReload() {
-  const size_t lids = EyeControl::lid_images.size();
-  unsigned short top[2];
-  unsigned short bottom[2];
-  Eyes* eyes[2] = {&EyeControl::Left_Eye, &EyeControl::Right_Eye};
-  // Both eyes first: a redraw of either must not meet the other's stale lids.
-  for (int i = 0; i < 2; ++i) {
-    top[i] = eyes[i]->topLidIndex < lids ? eyes[i]->topLidIndex : 0;
-    bottom[i] = eyes[i]->bottomLidIndex < lids ? eyes[i]->bottomLidIndex
-                                               : static_cast<unsigned short>(lids > 1);
-    studio::pointLidColours(*eyes[i], top[i], bottom[i]);
-    eyes[i]->topLid = &EyeControl::lid_images[top[i]].content;
-    eyes[i]->bottomLid = &EyeControl::lid_images[bottom[i]].content;
-  }
-  EyeControl::setLid(top[0], bottom[0], EyeSide::LEFT);
-  EyeControl::setLid(top[1], bottom[1], EyeSide::RIGHT);
   showIris(irisShape, irisStyle);
   showBackground(backgroundType, backgroundStyle);
 }
