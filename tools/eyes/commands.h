@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "render.h"
+
 namespace eyes {
 
 constexpr int kExitOk = 0;
@@ -15,6 +17,9 @@ constexpr int kExitUsage = 2;
 // each error on stderr and how to see them all. True when there were errors, and
 // the command then ends with kExitProblems.
 bool reportCatalogueErrors(const char* command, const std::string& dir);
+// bringUpEyes, holding back the library's log when the errors were `reported` already.
+BringUp bringUpAfterCheck(bool reported, const std::string& configDir, const std::string& iris,
+                          const std::string& background);
 
 struct RenderRequest {
   std::string configDir;

@@ -151,7 +151,8 @@ int runDemo(const DemoRequest& request) {
     return kExitUsage;
   }
   const bool broken = reportCatalogueErrors("eyes demo", configDir);
-  if (const BringUp up = bringUpEyes(configDir, request.iris, request.background); !up.ok()) {
+  if (const BringUp up = bringUpAfterCheck(broken, configDir, request.iris, request.background);
+      !up.ok()) {
     std::fprintf(stderr, "eyes demo: %s\n", up.problem.c_str());
     return up.badArgument ? kExitUsage : kExitProblems;
   }

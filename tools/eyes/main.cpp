@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 
 #include "Logging.h"
 #include "Studio.h"
@@ -50,6 +51,14 @@ bool reportCatalogueErrors(const char* command, const std::string& dir) {
   return errors > 0;
 }
 
+BringUp bringUpAfterCheck(bool reported, const std::string& configDir, const std::string& iris,
+                          const std::string& background) {
+  // The errors were just listed; the library's own lines about them would repeat them.
+  std::optional<LogCapture> quiet;
+  if (reported) quiet.emplace();
+  return bringUpEyes(configDir, iris, background);
+}
+
 namespace {
 
 bool isDirectory(const char* command, const std::string& dir) {
@@ -69,7 +78,8 @@ int runRender(const RenderRequest& request) {
     return kExitUsage;
   }
   const bool broken = reportCatalogueErrors(command, request.configDir);
-  if (const BringUp up = bringUpEyes(request.configDir, request.iris, request.background);
+  if (const BringUp up =
+          bringUpAfterCheck(broken, request.configDir, request.iris, request.background);
       !up.ok()) {
     std::fprintf(stderr, "%s: %s\n", command, up.problem.c_str());
     return up.badArgument ? kExitUsage : kExitProblems;

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 
 #include "LcdControl.h"
 #include "VContent.h"
@@ -229,6 +230,22 @@ bool isOurFrame(const fs::path& file) {
                      [](unsigned char c) { return std::isdigit(c) != 0; });
 }
 
+// Our earlier frames in `dir` (to be replaced), or nothing after setting `error` when
+// it holds anything else, which is not ours to delete.
+std::optional<std::vector<fs::path>> earlierFrames(const std::string& dir, std::string& error) {
+  std::vector<fs::path> frames;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) {
+    if (!isOurFrame(entry.path())) {
+      error = dir + " holds " + entry.path().filename().string() +
+              ", which is not a frame of ours: choose an empty or new directory";
+      return std::nullopt;
+    }
+    frames.push_back(entry.path());
+  }
+  return frames;
+}
+
 }  // namespace
 
 bool checkRenderingTarget(const std::string& out, int every, std::string& error) {
@@ -243,7 +260,7 @@ bool checkRenderingTarget(const std::string& out, int every, std::string& error)
     error = "--every applies to contact sheets (NAME.png) only";
     return false;
   }
-  return true;
+  return kind != OutputKind::Frames || earlierFrames(out, error).has_value();
 }
 
 bool writeFrameDirectory(const std::string& dir, const std::vector<Frame>& frames,
@@ -254,17 +271,10 @@ bool writeFrameDirectory(const std::string& dir, const std::vector<Frame>& frame
     error = "cannot create " + dir + ": " + ec.message();
     return false;
   }
-  // Old frames would read as part of this rendering; anything else is not ours to delete.
-  std::vector<fs::path> old;
-  for (const auto& entry : fs::directory_iterator(dir, ec)) {
-    if (!isOurFrame(entry.path())) {
-      error = dir + " holds " + entry.path().filename().string() +
-              ", which is not a frame of ours: choose an empty or new directory";
-      return false;
-    }
-    old.push_back(entry.path());
-  }
-  for (const fs::path& file : old) fs::remove(file, ec);
+  // Old frames would read as part of this rendering.
+  const auto old = earlierFrames(dir, error);
+  if (!old) return false;
+  for (const fs::path& file : *old) fs::remove(file, ec);
   for (size_t i = 0; i < frames.size(); ++i) {
     char name[32];
     std::snprintf(name, sizeof name, "%s%04zu.png", kFramePrefix, i);
