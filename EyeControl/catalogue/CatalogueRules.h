@@ -103,7 +103,7 @@ constexpr const char* kLidImagesSection = "Images";
 constexpr const char* kLidSequencesSection = "Animations";
 constexpr const char* kLeftSide = "Left";
 constexpr const char* kRightSide = "Right";
-// What ends a track's step: move and hold are rounded to whole frames of this length.
+// An event's TimeMs and Wait are rounded to whole frames of this length.
 constexpr double kFramePeriodMs = 40.0;
 
 // The entry walk: the first child named `element`, then every following sibling
@@ -134,7 +134,7 @@ Base0Reading readBase0(const char* text, uint8_t bits, bool isSigned);
 long base0Attribute(const tinyxml2::XMLElement* e, const AttributeRule& rule);
 // What the readers take from an entry, by the entry's rule: RequiredText throws
 // std::logic_error when missing, Text gives "" ; Int and Base0 give the value cut to
-// the field; Decimal the float.
+// the field; Decimal the float. `attribute` must be one of the entry's rule.
 std::string textOf(const tinyxml2::XMLElement* e, const EntryRule& entry, const char* attribute);
 long numberOf(const tinyxml2::XMLElement* e, const EntryRule& entry, const char* attribute);
 // An Int attribute before the cut (the lid colours are divided first).

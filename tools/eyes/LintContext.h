@@ -189,6 +189,8 @@ class LintContext {
       text.erase(at, resolved.size() + 1);
     // libpng's words for a file that ends before its image data does.
     if (text.find("Read Error") != std::string::npos) text += " (the file is cut short)";
+    if (text.find("too large") != std::string::npos)
+      text += " (at most " + std::to_string(maxImagePixels()) + " pixels)";
     return text;
   }
 
