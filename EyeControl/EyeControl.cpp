@@ -12,6 +12,7 @@
 #include "LcdControl.h"
 #include "LoadEyeAnimations.h"
 #include "PlayGate.h"
+#include "catalogue/CatalogueRules.h"
 
 // Built in this order; the eyes hold raw pointers into the image records below,
 // which therefore never move.
@@ -31,9 +32,6 @@ std::atomic<bool> EyeControl::is_active{false};
 std::mutex EyeControl::mutex_eye_conrol;
 
 namespace {
-
-constexpr const char* kCatalogueFiles[] = {"eyeanimations.xml", "background_type.xml", "eyelid.xml",
-                                           "iris_type.xml"};
 
 // First group of the catalogue with the given shape; later groups of the same
 // shape are never looked at.
@@ -236,8 +234,8 @@ int8_t EyeControl::loadEyeFilesFrom(const std::string& dir) {
   // The eyelid reader already loads images, so relative paths must resolve first.
   VContent::setBaseDirectory(base);
 
-  for (size_t file = 0; file < std::size(kCatalogueFiles); ++file) {
-    const std::string path = base + kCatalogueFiles[file];
+  for (const catalogue::CatalogueFile file : catalogue::kLoadOrder) {
+    const std::string path = base + catalogue::fileName(file);
     if (Helper::getPathInfo(path.c_str()) == 0) {
       spdlog::error("File:{} NOT EXIST !", path);
       return -1;
@@ -246,19 +244,19 @@ int8_t EyeControl::loadEyeFilesFrom(const std::string& dir) {
     // leaves the earlier ones loaded. Files are read before the gate is taken, and
     // the lists they replace are freed after it is let go.
     switch (file) {
-      case 0: {
+      case catalogue::CatalogueFile::Animations: {
         auto animations = LoadEyeAnimations::get_Animations(path.c_str());
         PlayGate::Change change;
         eye_animations.swap(animations);
         break;
       }
-      case 1: {
+      case catalogue::CatalogueFile::Backgrounds: {
         auto backgrounds = getBackgroundTypes(path.c_str());
         PlayGate::Change change;
         background_types.swap(backgrounds);
         break;
       }
-      case 2: {
+      case catalogue::CatalogueFile::Eyelids: {
         auto lids = get_LidImages(path.c_str());
         PlayGate::Change change;
         lid_images.swap(lids);
@@ -266,7 +264,7 @@ int8_t EyeControl::loadEyeFilesFrom(const std::string& dir) {
         repointLids(Right_Eye, lids);
         break;
       }
-      default: {
+      case catalogue::CatalogueFile::Irises: {
         auto irises = getIrisTypes(path.c_str());
         PlayGate::Change change;
         iris_types.swap(irises);

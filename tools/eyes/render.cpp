@@ -1,77 +1,45 @@
 #include "render.h"
 
-#include <webp/encode.h>
-#include <webp/mux.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <memory>
 #include <stdexcept>
+#include <tuple>
 
 #include "EyeControl.h"
 #include "EyeIdle.h"
-#include "Helper.h"
 #include "LcdControl.h"
-
-namespace fs = std::filesystem;
+#include "catalogue/CatalogueRules.h"
+#include "look.h"
 
 namespace eyes {
 namespace {
 
-constexpr int kPanel = LcdControl::kWidth;
-constexpr int kMargin = 20;  // face around the panels
-constexpr int kGap = 40;     // face between them
-constexpr int kFaceWidth = 2 * kPanel + 2 * kMargin + kGap;
-constexpr int kFaceHeight = kPanel + 2 * kMargin;
-constexpr uint8_t kFace[3] = {28, 28, 34};
-
 // Both eyes as brought up, to start each rendering from rest.
 std::optional<std::array<EyePose, 2>> restPose;
 
-// "NAME:STYLE" -> (value of NAME among `count` names, STYLE).
-template <typename Enum, typename NameOf>
-std::optional<std::pair<Enum, std::string>> parseChoice(const std::string& text, int count,
-                                                        NameOf nameOf) {
+// "NAME:STYLE" -> (value of NAME in `names`, STYLE).
+template <typename Enum>
+std::optional<std::pair<Enum, std::string>> parseChoice(const std::string& text,
+                                                        const std::vector<std::string>& names) {
   const auto colon = text.find(':');
   if (colon == std::string::npos) return std::nullopt;
-  for (int v = 0; v < count; ++v)
-    if (nameOf(static_cast<Enum>(v)) == text.substr(0, colon))
+  for (size_t v = 0; v < names.size(); ++v)
+    if (names[v] == text.substr(0, colon))
       return std::make_pair(static_cast<Enum>(v), text.substr(colon + 1));
   return std::nullopt;
 }
 
-void copyPanel(const std::vector<uint8_t>& packed, Picture& picture, int left, int top) {
-  if (packed.size() != LcdControl::kFrameBytes) return;
-  const std::vector<uint8_t> rgb = LcdControl::unpack12Bit(packed.data());
-  for (int y = 0; y < kPanel; ++y)
-    std::copy_n(&rgb[static_cast<size_t>(y) * kPanel * 3], kPanel * 3,
-                &picture.rgb[(static_cast<size_t>(top + y) * picture.width + left) * 3]);
+std::string joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+  return text;
 }
 
-// Half size, each output pixel the mean of a 2 x 2 block.
-Picture halve(const Picture& in) {
-  Picture out{in.width / 2, in.height / 2, {}};
-  out.rgb.resize(static_cast<size_t>(out.width) * out.height * 3);
-  for (int y = 0; y < out.height; ++y)
-    for (int x = 0; x < out.width; ++x)
-      for (int c = 0; c < 3; ++c) {
-        auto at = [&](int dx, int dy) {
-          return in.rgb[(static_cast<size_t>(2 * y + dy) * in.width + 2 * x + dx) * 3 + c];
-        };
-        out.rgb[(static_cast<size_t>(y) * out.width + x) * 3 + c] =
-            static_cast<uint8_t>((at(0, 0) + at(1, 0) + at(0, 1) + at(1, 1) + 2) / 4);
-      }
-  return out;
-}
-
-bool writePicture(const std::string& path, const Picture& picture, std::string& error) {
-  if (VContent::writePng(path, picture.width, picture.height, picture.rgb.data(), false))
-    return true;
-  error = "cannot write " + path;
-  return false;
+std::vector<std::string> colorNames() {
+  std::vector<std::string> names;
+  for (int c = 0; c < static_cast<int>(ColorCode::COUNT); ++c)
+    names.push_back(Color::getColorName(static_cast<ColorCode>(c)));
+  return names;
 }
 
 // Appends one frame per step of the player until `animation` has ended.
@@ -100,29 +68,34 @@ void holdFrames(std::vector<Frame>& frames, size_t count) {
 
 BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
                     const std::string& background) {
-  const Settings& settings = Helper::getSettings();
-  auto irisChoice =
-      std::make_pair(static_cast<IrisShape>(settings.defaultIrisShape), settings.defaultIrisStyle);
-  auto backgroundChoice = std::make_pair(
-      static_cast<EyeContentType>(settings.defaultBackgroundType), settings.defaultBackgroundStyle);
+  Look wanted = settingsLook();
   if (!iris.empty()) {
-    auto parsed = parseChoice<IrisShape>(iris, 12, IrisType::getName);
+    auto parsed = parseChoice<IrisShape>(iris, catalogue::irisShapeNames());
     if (!parsed)
-      return {"--iris wants SHAPE:STYLE with a shape such as CLASSIC, got \"" + iris + "\"", true};
-    irisChoice = *parsed;
+      return {"--iris wants SHAPE:STYLE with SHAPE one of " + joined(catalogue::irisShapeNames()) +
+                  ", got \"" + iris + "\"",
+              true};
+    std::tie(wanted.irisShape, wanted.irisStyle) = *parsed;
   }
   if (!background.empty()) {
-    auto parsed = parseChoice<EyeContentType>(background, 2, BackgroundType::getName);
+    auto parsed = parseChoice<EyeContentType>(background, catalogue::contentKindNames());
     if (!parsed)
       return {"--background wants COLOR:STYLE or IMAGE:STYLE, got \"" + background + "\"", true};
-    backgroundChoice = *parsed;
+    std::tie(wanted.backgroundKind, wanted.backgroundStyle) = *parsed;
+    // The library paints an unknown colour name black; asked for by name, that is a slip.
+    const auto colors = colorNames();
+    if (wanted.backgroundKind == EyeContentType::COLOR &&
+        std::find(colors.begin(), colors.end(), wanted.backgroundStyle) == colors.end())
+      return {"unknown colour \"" + wanted.backgroundStyle + "\"; colours are " + joined(colors),
+              true};
   }
+  const Look look = availableLook(configDir, wanted, !iris.empty(), !background.empty());
 
   // Offline: frames stay in memory whatever the environment says.
   setenv("EYE_LCD", "memory", 1);
   try {
-    const int8_t status = EyeControl::initFrom(configDir, irisChoice.first, irisChoice.second,
-                                               backgroundChoice.first, backgroundChoice.second);
+    const int8_t status = EyeControl::initFrom(configDir, look.irisShape, look.irisStyle,
+                                               look.backgroundKind, look.backgroundStyle);
     if (status == -1) return {"cannot read the catalogues in " + configDir};
     if (status < 0) return {"the panels did not come up"};
   } catch (const std::exception& e) {
@@ -131,13 +104,13 @@ BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
   }
   // A failed lookup leaves an image without pixels, which nothing can draw.
   if (EyeControl::default_iris.left.frames.empty() || EyeControl::default_iris.right.frames.empty())
-    return {"no iris " + IrisType::getName(irisChoice.first) + ":" + irisChoice.second + " in " +
-                configDir,
+    return {"the iris " + IrisType::getName(look.irisShape) + ":" + look.irisStyle + " is not in " +
+                configDir + " or its image does not load",
             !iris.empty()};
   if (EyeControl::default_background.left.frames.empty() ||
       EyeControl::default_background.right.frames.empty())
-    return {"no background " + BackgroundType::getName(backgroundChoice.first) + ":" +
-                backgroundChoice.second + " in " + configDir,
+    return {"the background " + BackgroundType::getName(look.backgroundKind) + ":" +
+                look.backgroundStyle + " is not in " + configDir + " or its image does not load",
             !background.empty()};
   restPose = {EyeControl::Left_Eye.pose(), EyeControl::Right_Eye.pose()};
   return {};
@@ -190,128 +163,6 @@ int animationFrameCount(const EyeAnimation& animation) {
     return frames;
   };
   return std::max(trackFrames(animation.left), trackFrames(animation.right));
-}
-
-Picture facePicture(const Frame& frame) {
-  Picture picture{kFaceWidth, kFaceHeight, {}};
-  static const std::vector<uint8_t> blank = [] {
-    std::vector<uint8_t> rgb(static_cast<size_t>(kFaceWidth) * kFaceHeight * 3);
-    for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = kFace[i % 3];
-    return rgb;
-  }();
-  picture.rgb = blank;
-  copyPanel(frame.panels[0], picture, kMargin, kMargin);
-  copyPanel(frame.panels[1], picture, kMargin + kPanel + kGap, kMargin);
-  return picture;
-}
-
-std::vector<Picture> facePictures(const std::vector<Frame>& frames) {
-  std::vector<Picture> pictures;
-  pictures.reserve(frames.size());
-  for (const Frame& frame : frames) pictures.push_back(facePicture(frame));
-  return pictures;
-}
-
-bool writeWebp(const std::string& path, const std::vector<Picture>& faces, std::string& error) {
-  WebPAnimEncoderOptions options;
-  WebPConfig config;
-  if (!WebPAnimEncoderOptionsInit(&options) || !WebPConfigInit(&config)) {
-    error = "libwebp version mismatch";
-    return false;
-  }
-  options.anim_params.loop_count = 0;
-  // Lossless at the fastest effort: the frames differ little and compress well anyway.
-  config.lossless = 1;
-  config.method = 0;
-  config.quality = 0;
-  std::unique_ptr<WebPAnimEncoder, void (*)(WebPAnimEncoder*)> encoder(
-      WebPAnimEncoderNew(kFaceWidth, kFaceHeight, &options), WebPAnimEncoderDelete);
-  if (!encoder) {
-    error = "cannot start the WebP encoder";
-    return false;
-  }
-  int timestamp = 0;
-  for (const Picture& face : faces) {
-    WebPPicture picture;
-    WebPPictureInit(&picture);
-    picture.width = face.width;
-    picture.height = face.height;
-    picture.use_argb = 1;
-    const bool added = WebPPictureImportRGB(&picture, face.rgb.data(), face.width * 3) &&
-                       WebPAnimEncoderAdd(encoder.get(), &picture, timestamp, &config);
-    WebPPictureFree(&picture);
-    if (!added) {
-      error = std::string("WebP encoding failed: ") + WebPAnimEncoderGetError(encoder.get());
-      return false;
-    }
-    timestamp += kFrameMs;
-  }
-  WebPData data;
-  WebPDataInit(&data);
-  const bool assembled = WebPAnimEncoderAdd(encoder.get(), nullptr, timestamp, nullptr) &&
-                         WebPAnimEncoderAssemble(encoder.get(), &data);
-  bool ok = false;
-  if (!assembled) {
-    error = std::string("WebP assembly failed: ") + WebPAnimEncoderGetError(encoder.get());
-  } else {
-    std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(data.bytes), static_cast<std::streamsize>(data.size));
-    ok = static_cast<bool>(file);
-    if (!ok) error = "cannot write " + path;
-  }
-  WebPDataClear(&data);
-  return ok;
-}
-
-bool writeContactSheet(const std::string& path, const std::vector<Picture>& faces,
-                       std::string& error, int columns, int every) {
-  constexpr int kSpacing = 2;
-  std::vector<Picture> cells;
-  for (size_t i = 0; i < faces.size(); i += static_cast<size_t>(std::max(every, 1)))
-    cells.push_back(halve(faces[i]));
-  if (cells.empty()) {
-    error = "no frames to write";
-    return false;
-  }
-  const int across = std::min<int>(std::max(columns, 1), static_cast<int>(cells.size()));
-  const int rows = (static_cast<int>(cells.size()) + across - 1) / across;
-  const int cellW = cells[0].width, cellH = cells[0].height;
-  Picture sheet{across * cellW + (across - 1) * kSpacing, rows * cellH + (rows - 1) * kSpacing, {}};
-  // Spacing and unused cells in the face colour, so the sheet reads as one strip.
-  sheet.rgb.resize(static_cast<size_t>(sheet.width) * sheet.height * 3);
-  for (size_t i = 0; i < sheet.rgb.size(); ++i) sheet.rgb[i] = kFace[i % 3] / 2;
-  for (size_t i = 0; i < cells.size(); ++i) {
-    const int left = static_cast<int>(i) % across * (cellW + kSpacing);
-    const int top = static_cast<int>(i) / across * (cellH + kSpacing);
-    for (int y = 0; y < cellH; ++y)
-      std::copy_n(&cells[i].rgb[static_cast<size_t>(y) * cellW * 3], cellW * 3,
-                  &sheet.rgb[(static_cast<size_t>(top + y) * sheet.width + left) * 3]);
-  }
-  return writePicture(path, sheet, error);
-}
-
-bool writeFrameDirectory(const std::string& dir, const std::vector<Frame>& frames,
-                         std::string& error) {
-  std::error_code ec;
-  fs::create_directories(dir, ec);
-  if (ec) {
-    error = "cannot create " + dir + ": " + ec.message();
-    return false;
-  }
-  for (size_t i = 0; i < frames.size(); ++i) {
-    char name[32];
-    std::snprintf(name, sizeof name, "frame_%04zu.png", i);
-    if (!writePicture((fs::path(dir) / name).string(), facePicture(frames[i]), error)) return false;
-  }
-  return true;
-}
-
-bool writeRendering(const std::string& out, const std::vector<Frame>& frames, std::string& error,
-                    int every) {
-  const std::string extension = fs::path(out).extension().string();
-  if (extension == ".webp") return writeWebp(out, facePictures(frames), error);
-  if (extension == ".png") return writeContactSheet(out, facePictures(frames), error, 6, every);
-  return writeFrameDirectory(out, frames, error);
 }
 
 }  // namespace eyes

@@ -22,6 +22,7 @@
 #include "LcdControl.h"
 #include "Timeline.h"
 #include "lint.h"
+#include "look.h"
 
 using nlohmann::json;
 
@@ -237,9 +238,11 @@ void Studio::Impl::reload() {
   }
   EyeControl::Abort();
   if (!EyeControl::isActive()) {
-    const int8_t status =
-        EyeControl::initFrom(options.configDir, IrisType::getShape(irisShape), irisStyle,
-                             BackgroundType::getShape(backgroundType), backgroundStyle);
+    const eyes::Look look = eyes::availableLook(
+        options.configDir, {IrisType::getShape(irisShape), irisStyle,
+                            BackgroundType::getShape(backgroundType), backgroundStyle});
+    const int8_t status = EyeControl::initFrom(options.configDir, look.irisShape, look.irisStyle,
+                                               look.backgroundKind, look.backgroundStyle);
     if (status != 0) {
       findings.push_back({"", 0, eyes::Severity::Error,
                           "the eyes could not start (status " + std::to_string(status) + ")"});
