@@ -8,9 +8,9 @@
 #include <cstring>
 #include <limits>
 
-#include "FrameComposer.h"
 #include "LcdControl.h"
 #include "PlayGate.h"
+#include "compose/Composer.h"
 
 EyeLidPart::EyeLidPart() = default;
 
@@ -160,7 +160,14 @@ int8_t Eyes::set_Frame_12Bit(float scaleX, float scaleY, int x, int y, short top
       this->scaleX = scaleX;
       this->scaleY = scaleY;
       // Row by row, with the same bytes as the per-pixel rules below.
-      eyeframe::compose(*this, scaleX, scaleY, centreX, centreY, topLidY, bottomLidY, out);
+      static_assert(kSize == eyeframe::kSize && kOpaqueAlpha == eyeframe::kOpaqueAlpha,
+                    "the composer works with the eye's panel size and opacity threshold");
+      eyeframe::Scene scene =
+          eyeframe::Scene::of(background, iris, topLid, bottomLid, topLidColor, bottomLidColor);
+      scene.scaleX = scaleX, scene.scaleY = scaleY;
+      scene.centreX = centreX, scene.centreY = centreY;
+      scene.topLidY = topLidY, scene.bottomLidY = bottomLidY;
+      eyeframe::compose(scene, out);
     }
     LcdData data{};
     data.lcd = isLeft ? 0 : 1;

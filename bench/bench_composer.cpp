@@ -24,9 +24,9 @@
 #include <vector>
 
 #include "Eyes.h"
-#include "FrameComposer.h"
 #include "ReferenceComposer.h"
 #include "VContent.h"
+#include "compose/Composer.h"
 
 namespace {
 
@@ -213,7 +213,13 @@ Pixman& pixmanState() {
 using Impl = void (*)(const Scene&, uint8_t*);
 
 void fast(const Scene& s, uint8_t* out) {
-  eyeframe::compose(benchEye(), s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY, out);
+  const Eyes& eye = benchEye();
+  eyeframe::Scene scene = eyeframe::Scene::of(eye.background, eye.iris, eye.topLid, eye.bottomLid,
+                                              eye.topLidColor, eye.bottomLidColor);
+  scene.scaleX = s.scaleX, scene.scaleY = s.scaleY;
+  scene.centreX = s.x, scene.centreY = s.y;
+  scene.topLidY = s.topLidY, scene.bottomLidY = s.bottomLidY;
+  eyeframe::compose(scene, out);
 }
 void literal(const Scene& s, uint8_t* out) {
   eyetest::referenceCompose(benchEye(), s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY, out);

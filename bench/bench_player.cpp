@@ -9,12 +9,10 @@
 //   periods            frame periods measured
 //   gaps               longer intervals left out (still holds that drew nothing)
 #include <benchmark/benchmark.h>
-#include <time.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -25,6 +23,7 @@
 #include "EyeEvent.h"
 #include "Helper.h"
 #include "LcdControl.h"
+#include "PlayWait.h"
 
 namespace {
 
@@ -62,22 +61,6 @@ class StampingOutput : public LcdOutput {
     return s;
   }
 };
-
-std::mutex doneMutex;
-std::condition_variable doneChanged;
-unsigned playsEnded = 0;
-
-void onEnded(unsigned short) {
-  std::lock_guard<std::mutex> lock(doneMutex);
-  ++playsEnded;
-  doneChanged.notify_all();
-}
-
-double cpuSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
 
 moveEvent key(short x, short y, short timeMs, float scale, short lidTop, short lidBot,
               short rotate = 0, short ellipseH = 0) {
@@ -139,8 +122,7 @@ void BM_PlayAnimation(benchmark::State& state) {
   static const std::string name = setUpEyes();
   state.SetLabel(name);
   LcdControl::setOutput(std::make_unique<StampingOutput>());
-  EyeEvent::AddListenerOnComplete(onEnded);
-  EyeEvent::AddListenerOnAbort(onEnded);
+  benchplay::listen();
 
   std::vector<double> periods;
   unsigned gaps = 0;
@@ -150,23 +132,16 @@ void BM_PlayAnimation(benchmark::State& state) {
     periods.clear();
     gaps = 0;
     played = 0.0;
-    const double cpu0 = cpuSeconds();
+    const double cpu0 = benchplay::cpuSeconds();
     while (played < kPlaySeconds) {
       StampingOutput::take();
-      unsigned before;
-      {
-        std::lock_guard<std::mutex> lock(doneMutex);
-        before = playsEnded;
-      }
+      const unsigned before = benchplay::ended();
       const auto start = Clock::now();
       if (EyeControl::setAnimation(1, name) != 0) {
         state.SkipWithError(("no animation named " + name).c_str());
         return;
       }
-      {
-        std::unique_lock<std::mutex> lock(doneMutex);
-        doneChanged.wait(lock, [&] { return playsEnded != before; });
-      }
+      benchplay::waitForEnd(before);
       played += std::chrono::duration<double>(Clock::now() - start).count();
 
       // An interval of more than one and a half periods spans frames that drew
@@ -181,10 +156,9 @@ void BM_PlayAnimation(benchmark::State& state) {
           ++gaps;
       }
     }
-    cpu = cpuSeconds() - cpu0;
+    cpu = benchplay::cpuSeconds() - cpu0;
   }
-  EyeEvent::RemoveListenerOnComplete(onEnded);
-  EyeEvent::RemoveListenerOnAbort(onEnded);
+  benchplay::stopListening();
 
   if (periods.empty()) {
     state.SkipWithError("the animation drew fewer than two frames on the left eye");

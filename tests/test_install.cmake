@@ -31,7 +31,7 @@ foreach(path
     list(APPEND missing ${path})
   endif()
 endforeach()
-foreach(private FrameComposer.h Truncate.h)
+foreach(private Composer.h Scene.h Truncate.h)
   if(EXISTS ${prefix}/include/EyeControl/${private})
     list(APPEND missing "(private header installed: ${private})")
   endif()

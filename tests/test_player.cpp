@@ -14,6 +14,7 @@
 #include "EyeEvent.h"
 #include "EyeTestSupport.h"
 #include "LcdControl.h"
+#include "PanelRecorder.h"
 #include "WorkerSupport.h"
 
 // Commands racing the player on purpose (see tsan.supp) are matched by the command's
@@ -229,6 +230,52 @@ TEST_F(PlayerTest, OnlyChangedFramesAreDrawnAndTheShorterTrackStops) {
   ASSERT_EQ(EyeControl::setAnimation(5, "hold"), 0);
   ASSERT_TRUE(recorder_.waitForCount(2));
   EXPECT_EQ(PanelLog::panels().size(), 9u);
+}
+
+// The ST7789 output sends only what changed; models of both panels, fed from the wire,
+// must hold the composed frame after every write of a play.
+class CheckedPanels : public St7789Output {
+ public:
+  explicit CheckedPanels(std::shared_ptr<eyetest::Wire> wire)
+      : St7789Output(std::make_unique<eyetest::RecordingTransport>(wire)), wire_(wire) {
+    wire_->keepEvents = false;
+    for (uint8_t p = 0; p < 2; ++p) model_[p].follow(p), wire_->live[p] = &model_[p];
+  }
+  int frames = 0, mismatches = 0;
+
+ protected:
+  int write_(uint8_t panel, const uint8_t* frame) override {
+    const int status = St7789Output::write_(panel, frame);
+    ++frames;
+    const std::vector<uint8_t> shown = LcdControl::lastFrame(panel);
+    if (model_[panel].picture() != LcdControl::unpack12Bit(shown.data())) ++mismatches;
+    return status;
+  }
+
+ private:
+  std::shared_ptr<eyetest::Wire> wire_;
+  std::array<eyetest::PanelModel, 2> model_;
+};
+
+TEST_F(PlayerTest, WindowedPanelsHoldEveryFrameOfAPlay) {
+  auto wire = std::make_shared<eyetest::Wire>();
+  auto owned = std::make_unique<CheckedPanels>(wire);
+  CheckedPanels* panels = owned.get();
+  ASSERT_EQ(LcdControl::setOutput(std::move(owned)), 0);
+  auto lids = [](short x, short top, short bottom, short wait) {
+    return moveEvent(x, 140, 80, wait, 1.0f, 1.0f, 40.0, top, bottom, 0, 0, 0, 0);
+  };
+  // Glances, a hold, a blink that closes and opens, a move while the lids are half shut.
+  EyeControl::eye_animations.push_back(
+      makeAnimation(1, "glance and blink",
+                    {key(60, 100, 120, 0), key(130, 150, 80, 120), lids(130, 132, 112, 40),
+                     lids(130, 0, 240, 0), lids(80, 60, 200, 0)},
+                    {key(150, 100, 120, 0), lids(150, 132, 112, 0), lids(170, 0, 240, 80)}));
+  ASSERT_EQ(EyeControl::setAnimation(1, "glance and blink"), 0);
+  ASSERT_TRUE(recorder_.waitForCount(1));
+  EXPECT_GE(panels->frames, 15);
+  EXPECT_EQ(panels->mismatches, 0);
+  EXPECT_LT(wire->spiBytes, panels->frames * LcdControl::kFrameBytes / 2);
 }
 
 TEST_F(PlayerTest, KeyframeIrisImageReplacesTheShownIris) {

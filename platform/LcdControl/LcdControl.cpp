@@ -3,73 +3,12 @@
 #include <spdlog/spdlog.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <system_error>
+#include <mutex>
 #include <utility>
 
-#include "St7789.h"
-#include "VContent.h"
-
-int LcdOutput::open() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return open_();
-}
-
-int LcdOutput::write(uint8_t panel, const uint8_t* frame) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return write_(panel, frame);
-}
+#include "OutputFromEnv.h"
 
 namespace {
-
-// Keeps nothing itself: LcdControl records every frame whatever the output.
-class MemoryOutput : public LcdOutput {
- public:
-  std::string describe() const override { return "memory"; }
-
- protected:
-  int open_() override { return 0; }
-  int write_(uint8_t, const uint8_t*) override { return 0; }
-};
-
-// Writes every frame as an 8-bit RGB PNG file, numbered per panel.
-class PngOutput : public LcdOutput {
- public:
-  explicit PngOutput(std::string dir) : dir_(std::move(dir)) {}
-  std::string describe() const override { return "png:" + dir_; }
-
- protected:
-  int open_() override {
-    std::error_code error;
-    std::filesystem::create_directories(dir_, error);
-    if (!error && !std::filesystem::is_directory(dir_, error))
-      error = std::make_error_code(std::errc::not_a_directory);
-    if (error) {
-      spdlog::error("LCD output png: cannot create directory {}: {}", dir_, error.message());
-      return -1;
-    }
-    counters_.fill(0);
-    return 0;
-  }
-
-  int write_(uint8_t panel, const uint8_t* frame) override {
-    char name[32];
-    std::snprintf(name, sizeof name, "/lcd%u_%06llu.png", static_cast<unsigned>(panel),
-                  static_cast<unsigned long long>(counters_[panel]));
-    const std::vector<uint8_t> rgb = LcdControl::unpack12Bit(frame);
-    if (!VContent::writePng(dir_ + name, LcdControl::kWidth, LcdControl::kHeight, rgb.data(),
-                            false))
-      return -1;
-    ++counters_[panel];
-    return 0;
-  }
-
- private:
-  std::string dir_;
-  std::array<uint64_t, LcdControl::kPanels> counters_{};
-};
 
 struct LcdState {
   std::mutex mutex;
@@ -93,21 +32,8 @@ int8_t LcdControl::init(LcdColorDepth depth) {
                   static_cast<int>(LCD_COLOR_DEPTH_12BIT));
     return -1;
   }
-  const char* env = std::getenv("EYE_LCD");
-  const std::string choice = env ? env : "";
-  std::unique_ptr<LcdOutput> output;
-  if (choice.empty() || choice == "memory") {
-    output = std::make_unique<MemoryOutput>();
-  } else if (choice.rfind("png:", 0) == 0 && choice.size() > 4) {
-    output = std::make_unique<PngOutput>(choice.substr(4));
-  } else if (choice == "st7789" || choice.rfind("st7789:", 0) == 0) {
-    output = makeSt7789Output(choice.size() > 7 ? choice.substr(7) : "");
-    if (!output) return -2;  // bad option, logged
-  } else {
-    spdlog::error("EYE_LCD=\"{}\" names no LCD output (memory, png:DIR, st7789:OPTIONS)",
-                  choice);
-    return -2;
-  }
+  std::unique_ptr<LcdOutput> output = outputFromEnv();
+  if (!output) return -2;  // logged
   // The output reports why it cannot open. A failed init leaves the previous output.
   if (output->open() != 0) return -3;
   std::lock_guard<std::mutex> lock(state().mutex);

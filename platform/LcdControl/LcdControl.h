@@ -4,16 +4,17 @@
 //   memory      (default) frames are only kept in memory
 //   png:DIR     every frame is also written to DIR/lcd<panel>_<counter>.png
 //               (counter of 6 digits from 000000, per panel), decoded to 8-bit RGB
-//   st7789[:OPTS] two ST7789 panels over spidev and GPIO lines (St7789.h gives OPTS)
+//   st7789[:OPTS] two ST7789 panels over spidev and GPIO lines (SpidevTransport.h gives OPTS)
 // Whatever the output, lastFrame() and framesWritten() report what was written.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "LcdOutput.h"
 
 enum LcdColorDepth : uint8_t {
   LCD_COLOR_DEPTH_18BIT = 1,
@@ -29,23 +30,6 @@ struct LcdData {
 };
 static_assert(sizeof(LcdData) == 16, "LcdData is 16 bytes");
 static_assert(offsetof(LcdData, buffer) == 8, "LcdData::buffer is at offset 8");
-
-// A destination for frames. Implementations override the protected hooks; the
-// public entry points take the lock, so no implementation needs its own.
-class LcdOutput {
- public:
-  virtual ~LcdOutput() = default;
-  int open();                                        // 0, or negative on failure
-  int write(uint8_t panel, const uint8_t* frame);    // 0, or negative on failure
-  virtual std::string describe() const = 0;
-
- protected:
-  virtual int open_() = 0;
-  virtual int write_(uint8_t panel, const uint8_t* frame) = 0;
-
- private:
-  std::mutex mutex_;
-};
 
 class LcdControl {
  public:

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <random>
 #include <string>
@@ -12,169 +13,16 @@
 
 #include "EyeTestSupport.h"
 #include "LcdControl.h"
-#include "St7789.h"
+#include "PanelRecorder.h"
+#include "SpidevTransport.h"
+#include "St7789Output.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-// What went over the wires, in order.
-struct Wire {
-  enum Kind { RESET, DATA_COMMAND, SPI, DELAY };
-  struct Event {
-    Kind kind;
-    uint8_t panel;
-    bool level;  // reset level, D/C level, or the D/C level the SPI bytes went with
-    Bytes bytes;
-    int ms;
-  };
-  std::vector<Event> events;
-  size_t maxTransfer = 4096;
-  int openStatus = 0;
-  int opens = 0;
-  long spiFailsAfter = -1;  // successful SPI writes left before they fail; -1 = never
-};
-
-class RecordingTransport : public PanelTransport {
- public:
-  explicit RecordingTransport(std::shared_ptr<Wire> wire) : wire_(std::move(wire)) {}
-  int open() override {
-    ++wire_->opens;
-    return wire_->openStatus;
-  }
-  int setDataCommand(uint8_t panel, bool data) override {
-    dc_.at(panel) = data;
-    wire_->events.push_back({Wire::DATA_COMMAND, panel, data, {}, 0});
-    return 0;
-  }
-  int reset(uint8_t panel, bool level) override {
-    wire_->events.push_back({Wire::RESET, panel, level, {}, 0});
-    return 0;
-  }
-  int spiWrite(uint8_t panel, const uint8_t* bytes, size_t size) override {
-    if (wire_->spiFailsAfter == 0) return -5;
-    if (wire_->spiFailsAfter > 0) --wire_->spiFailsAfter;
-    wire_->events.push_back({Wire::SPI, panel, dc_.at(panel), Bytes(bytes, bytes + size), 0});
-    return 0;
-  }
-  size_t maxTransfer() const override { return wire_->maxTransfer; }
-  void delayMs(int ms) override { wire_->events.push_back({Wire::DELAY, 0, false, {}, ms}); }
-  std::string describe() const override { return "recording"; }
-
- private:
-  std::shared_ptr<Wire> wire_;
-  std::array<bool, 2> dc_{};
-};
-
-// One ST7789 as far as this driver uses it: commands with their parameters, the
-// address window, and 12-bit pixel data into a 240 x 240 memory.
-class PanelModel {
- public:
-  struct Command {
-    uint8_t code;
-    Bytes params;
-    int atMs;  // time stamp from the recorded delays
-  };
-
-  // Replays the traffic of `panel`; the clock advances with every recorded delay.
-  PanelModel(const Wire& wire, uint8_t panel) {
-    memory_.fill(kUnwritten);
-    int now = 0;
-    bool resetLow = false;
-    for (const auto& e : wire.events) {
-      if (e.kind == Wire::DELAY) now += e.ms;
-      if (e.panel != panel) continue;
-      if (e.kind == Wire::RESET) {
-        if (e.level && resetLow) resetsAtMs.push_back(now), softwareReset();
-        resetLow = !e.level;
-      } else if (e.kind == Wire::SPI) {
-        for (uint8_t byte : e.bytes) e.level ? data(byte) : command(byte, now);
-      }
-    }
-  }
-
-  std::vector<Command> commands;
-  std::vector<int> resetsAtMs;
-  std::vector<size_t> pixelsPerWrite;  // pixels streamed after each RAMWR
-  int leftoverNibbles = 0;             // of the last RAMWR: a pixel cut short
-
-  // 8-bit RGB like LcdControl::unpack12Bit; pixels never written come out as 1, 2, 3,
-  // which no 12-bit colour expands to.
-  Bytes picture() const {
-    Bytes rgb;
-    for (uint16_t p : memory_) {
-      if (p == kUnwritten) rgb.insert(rgb.end(), {1, 2, 3});
-      for (int shift : {8, 4, 0})
-        if (p != kUnwritten) rgb.push_back(static_cast<uint8_t>((p >> shift & 15) * 17));
-    }
-    return rgb;
-  }
-
- private:
-  static constexpr uint16_t kUnwritten = 0xFFFF;
-  static constexpr int kSize = 240;
-
-  void softwareReset() {
-    madctl_ = 0, colmod_ = 0x66;
-    x0_ = y0_ = 0, x1_ = y1_ = 239;
-    inRamWrite_ = false;
-  }
-
-  void command(uint8_t code, int now) {
-    commands.push_back({code, {}, now});
-    inRamWrite_ = code == ST7789_RAMWR;
-    if (code == ST7789_SWRESET) softwareReset();
-    if (inRamWrite_) {
-      x_ = x0_, y_ = y0_;
-      nibbleCount_ = leftoverNibbles = 0;
-      pixelsPerWrite.push_back(0);
-    }
-  }
-
-  void data(uint8_t byte) {
-    if (commands.empty()) {
-      ADD_FAILURE() << "data byte before any command";
-      return;
-    }
-    if (inRamWrite_) {
-      nibble(byte >> 4);
-      nibble(byte & 15);
-      return;
-    }
-    Command& c = commands.back();
-    c.params.push_back(byte);
-    const Bytes& p = c.params;
-    if (c.code == ST7789_CASET && p.size() == 4) x0_ = p[0] << 8 | p[1], x1_ = p[2] << 8 | p[3];
-    if (c.code == ST7789_RASET && p.size() == 4) y0_ = p[0] << 8 | p[1], y1_ = p[2] << 8 | p[3];
-    if (c.code == ST7789_COLMOD) colmod_ = p[0];
-    if (c.code == ST7789_MADCTL) madctl_ = p[0];
-  }
-
-  void nibble(uint8_t n) {
-    ASSERT_EQ(colmod_ & 7, 3) << "pixel data while not in 12-bit mode";
-    nibbles_[nibbleCount_++] = n;
-    leftoverNibbles = nibbleCount_;
-    if (nibbleCount_ < 3) return;
-    nibbleCount_ = leftoverNibbles = 0;
-    // The controller takes red first unless MADCTL asks for blue first.
-    const bool bgr = madctl_ & ST7789_MADCTL_BGR;
-    const uint8_t r = nibbles_[bgr ? 2 : 0], g = nibbles_[1], b = nibbles_[bgr ? 0 : 2];
-    if (x_ < kSize && y_ < kSize)
-      memory_[y_ * kSize + x_] = static_cast<uint16_t>(r << 8 | g << 4 | b);
-    ++pixelsPerWrite.back();
-    if (++x_ > x1_) {
-      x_ = x0_;
-      if (++y_ > y1_) y_ = y0_;
-    }
-  }
-
-  std::array<uint16_t, kSize * kSize> memory_;
-  bool inRamWrite_ = false;
-  int madctl_ = 0, colmod_ = 0x66;
-  int x0_ = 0, x1_ = 239, y0_ = 0, y1_ = 239, x_ = 0, y_ = 0;
-  uint8_t nibbles_[3] = {};
-  int nibbleCount_ = 0;
-};
+using eyetest::Bytes;
+using eyetest::PanelModel;
+using eyetest::RecordingTransport;
+using eyetest::Wire;
 
 Bytes randomFrame(unsigned seed) {
   std::mt19937 random(seed);
@@ -326,12 +174,77 @@ TEST_F(St7789Test, TransportFailuresGiveNegativeStatusAndFramesRecover) {
   EXPECT_LT(output.write(0, frame.data()), 0);
   ASSERT_EQ(log.errors().size(), 1u);
   EXPECT_NE(log.errors()[0].find("panel 0"), std::string::npos) << log.errors()[0];
+  // What comes after a failure: ChangedRegionsGoAsWindowsAndThePanelsAlwaysHoldTheFrame.
+}
 
-  // The next frame starts over with a fresh window and arrives whole.
-  wire->spiFailsAfter = -1;
-  const Bytes next = randomFrame(6);
-  ASSERT_EQ(output.write(0, next.data()), 0);
-  EXPECT_EQ(PanelModel(*wire, 0).picture(), LcdControl::unpack12Bit(next.data()));
+// Frames after the first go as windows around what changed, checked against live
+// models of both panels after every write.
+TEST_F(St7789Test, ChangedRegionsGoAsWindowsAndThePanelsAlwaysHoldTheFrame) {
+  eyetest::LogCapture log;  // the cut-short write logs
+  std::array<PanelModel, 2> model;
+  for (uint8_t p = 0; p < 2; ++p) model[p].follow(p), wire->live[p] = &model[p];
+  ASSERT_EQ(output.open(), 0);
+  std::array<Bytes, 2> frame = {randomFrame(8), randomFrame(9)};
+  // Changes bytes [pair0 * 3, pair1 * 3 + 3) of rows [row0, row1]: both pixels of each pair.
+  auto change = [](int row0, int row1, int pair0, int pair1) {
+    return [=](Bytes& f) {
+      for (int r = row0; r <= row1; ++r)
+        for (int p = pair0; p <= pair1; ++p) f[r * 360 + p * 3 + 1] ^= 0x11;
+    };
+  };
+  auto whole = change(0, 239, 0, 119);
+  struct Step {
+    const char* what;
+    uint8_t panel;
+    std::function<void(Bytes&)> edit;
+    size_t pixels, windows;  // sent; ~0 = the write fails
+    long failAfter = -1;
+  };
+  const size_t kFails = ~size_t{0};
+  const Step steps[] = {
+      {"first frame of panel 1", 1, [](Bytes&) {}, 57600, 1},
+      {"first frame of panel 0", 0, [](Bytes&) {}, 57600, 1},
+      {"hold", 0, [](Bytes&) {}, 0, 0},
+      {"iris move", 0, change(100, 139, 30, 49), 40 * 40, 1},
+      {"iris move on the other panel", 1, change(90, 129, 40, 59), 40 * 40, 1},
+      {"blink: two lid bands", 0,
+       [&](Bytes& f) { change(0, 59, 0, 119)(f), change(200, 239, 0, 119)(f); }, 100 * 240, 2},
+      {"last pair of a row", 1, change(5, 5, 119, 119), 2, 1},
+      {"bands one row apart merge", 0,
+       [&](Bytes& f) { change(10, 11, 0, 119)(f), change(13, 14, 0, 119)(f); }, 5 * 240, 1},
+      {"a write cut short", 0, whole, kFails, 0, 4},
+      {"one pixel after the failure", 0, change(7, 7, 3, 3), 57600, 1},
+      {"hold on the other panel", 1, [](Bytes&) {}, 0, 0},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    step.edit(frame[step.panel]);
+    const size_t pixelsBefore = wire->spiBytes;
+    const size_t writesBefore = model[step.panel].pixelsPerWrite.size();
+    wire->spiFailsAfter = step.failAfter;
+    const int status = output.write(step.panel, frame[step.panel].data());
+    wire->spiFailsAfter = -1;
+    if (step.pixels == kFails) {
+      EXPECT_LT(status, 0);
+      continue;
+    }
+    ASSERT_EQ(status, 0);
+    const auto& writes = model[step.panel].pixelsPerWrite;
+    size_t pixels = 0;
+    for (size_t i = writesBefore; i < writes.size(); ++i) pixels += writes[i];
+    EXPECT_EQ(pixels, step.pixels);
+    EXPECT_EQ(writes.size() - writesBefore, step.windows);
+    if (step.pixels == 0) {
+      EXPECT_EQ(wire->spiBytes, pixelsBefore);  // not even a command
+    }
+    for (uint8_t p = 0; p < 2; ++p)
+      if (!model[p].pixelsPerWrite.empty()) {
+        ASSERT_EQ(model[p].picture(), LcdControl::unpack12Bit(frame[p].data())) << int(p);
+      }
+  }
+  output.requestFullFrames();
+  ASSERT_EQ(output.write(1, frame[1].data()), 0);
+  EXPECT_EQ(model[1].pixelsPerWrite.back(), 57600u);
 }
 
 // EYE_LCD selects the output; LcdControl's state is put back to memory afterwards.
@@ -375,6 +288,7 @@ TEST_F(St7789LcdControlTest, WriteLcdReachesThePanelAndReportsTransportFailure) 
 
   eyetest::LogCapture log;
   wire->spiFailsAfter = 0;
+  frame[0] ^= 0x11;  // the same frame again would send nothing
   EXPECT_EQ(LcdControl::writeLcd(&data), -3);
 }
 

@@ -2,11 +2,10 @@
 // it produces exactly the bytes the per-pixel rules of Eyes would, with far less work.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
-class Eyes;
-
-#include <cstddef>
+#include "Scene.h"
 
 namespace eyeframe {
 
@@ -19,11 +18,8 @@ int truncateToInt(float value);
 void samplePinned(uint8_t* out, const uint8_t* src, size_t pixels, float ratioX, float ratioY,
                   short col, short row, int width);
 
-// Composes one 86400-byte 12-bit frame of `eye` (its images, offsets-free centre,
-// scales and lid lines as given) into `out`. Reads the eye's image pointers and fill
-// colours; writes nothing else, allocates nothing.
-void compose(const Eyes& eye, float scaleX, float scaleY, long long centreX, long long centreY,
-             short topLidY, short bottomLidY, uint8_t* out);
+// Composes the 86400-byte 12-bit frame of `scene` into `out`. Allocates nothing.
+void compose(const Scene& scene, uint8_t* out);
 
 // Instruction sets the composer has code for. Portable is plain C++ and always there.
 enum class Isa : uint8_t { Portable, Avx2, Neon };

@@ -1,4 +1,4 @@
-#include "St7789.h"
+#include "SpidevTransport.h"
 
 #include <fcntl.h>
 #include <gpiod.h>
@@ -19,47 +19,6 @@
 #include <utility>
 
 namespace {
-
-// ---------------------------------------------------------------------------------
-// Start-up sequence, sent to both panels row by row; each row's delay is waited once
-// for both panels, after the row went to each.
-struct InitStep {
-  uint8_t command;
-  uint8_t paramCount;
-  uint8_t param;
-  uint16_t delayMs;
-};
-
-constexpr InitStep kStartUp[] = {
-    // Back to the power-on defaults whatever an earlier run left; the controller needs
-    // 5 ms before the next command and 120 ms before it may leave sleep.
-    {ST7789_SWRESET, 0, 0, 150},
-    // Leave sleep mode: booster and oscillator settle within 120 ms.
-    {ST7789_SLPOUT, 0, 0, 120},
-    // 12 bits per pixel. Only the low three bits (011) apply to the SPI interface; the
-    // high ones (101) configure the unused parallel RGB interface and are kept at a
-    // defined value rather than the reserved 000.
-    {ST7789_COLMOD, 1, ST7789_COLMOD_12BIT, 10},
-    // Top-left origin, row-major scan: the order of our frames. Our pixels arrive as
-    // blue, green, red nibbles while the controller assumes red first, so the BGR bit
-    // routes the first nibble of each pixel to the blue sub-pixel.
-    {ST7789_MADCTL, 1, ST7789_MADCTL_BGR, 0},
-    // The IPS glass of these modules shows inverted colours without it.
-    {ST7789_INVON, 0, 0, 10},
-    // Whole panel, no partial area.
-    {ST7789_NORON, 0, 0, 10},
-    // Show the panel memory.
-    {ST7789_DISPON, 0, 0, 20},
-};
-
-// Hardware reset: low for 10 ms (the controller wants at least 10 us), then 120 ms
-// before the first command is accepted.
-constexpr int kResetLowMs = 10;
-constexpr int kResetRecoverMs = 120;
-
-int failure(int status) {
-  return status < 0 ? status : -1;
-}
 
 // ---------------------------------------------------------------------------------
 // libgpiod lines, shared by path and offset: two panels may share a line, and a new
@@ -110,7 +69,8 @@ std::shared_ptr<GpioLine> requestLine(const std::string& chipPath, int offset, i
   return line;
 }
 
-// spidev's largest transfer, a module parameter (4096 unless changed).
+// spidev's bounce buffer, the most one message may carry: a module parameter (4096
+// unless changed, e.g. spidev.bufsiz=65536 on the kernel command line).
 size_t spidevBufsiz() {
   std::ifstream in("/sys/module/spidev/parameters/bufsiz");
   size_t size = 0;
@@ -169,18 +129,24 @@ class SpidevTransport : public PanelTransport {
     return gpiod_line_set_value(rst_[panel]->line, level ? 1 : 0) == 0 ? 0 : -1;
   }
 
-  int spiWrite(uint8_t panel, const uint8_t* bytes, size_t size) override {
+  int spiWrite(uint8_t panel, const SpiPiece* pieces, size_t count) override {
     if (panel >= LcdControl::kPanels || fds_[panel] < 0) return -1;
-    while (size > 0) {
-      const size_t n = std::min(size, maxTransfer_);
-      spi_ioc_transfer transfer{};
-      transfer.tx_buf = reinterpret_cast<uintptr_t>(bytes);
-      transfer.len = static_cast<uint32_t>(n);
-      transfer.speed_hz = options_.hz;
-      transfer.bits_per_word = 8;
-      if (ioctl(fds_[panel], SPI_IOC_MESSAGE(1), &transfer) < 0) return -1;
-      bytes += n;
-      size -= n;
+    while (count > 0) {
+      const size_t n = spidevMessagePieces(pieces, count, maxTransfer_, transfers_.size());
+      for (size_t i = 0; i < n; ++i) {
+        spi_ioc_transfer& transfer = transfers_[i];
+        transfer = spi_ioc_transfer{};
+        transfer.tx_buf = reinterpret_cast<uintptr_t>(pieces[i].bytes);
+        transfer.len = static_cast<uint32_t>(pieces[i].size);
+        transfer.speed_hz = options_.hz;
+        transfer.bits_per_word = 8;
+      }
+      // SPI_IOC_MESSAGE(n) spelt out: its array-size form needs a constant n.
+      const unsigned long request =
+          _IOC(_IOC_WRITE, SPI_IOC_MAGIC, 0, n * sizeof(spi_ioc_transfer));
+      if (ioctl(fds_[panel], request, transfers_.data()) < 0) return -1;
+      pieces += n;
+      count -= n;
     }
     return 0;
   }
@@ -203,6 +169,8 @@ class SpidevTransport : public PanelTransport {
   std::array<int, LcdControl::kPanels> fds_{-1, -1};
   std::array<std::shared_ptr<GpioLine>, LcdControl::kPanels> dc_, rst_;
   size_t maxTransfer_ = 4096;
+  // Within SPI_IOC_MESSAGE's size field (14 bits of 32-byte transfers).
+  std::array<spi_ioc_transfer, 64> transfers_{};
 };
 
 bool parseInt(const std::string& text, long long low, long long high, long long& out) {
@@ -275,101 +243,21 @@ std::string St7789Options::describe() const {
          ",hz=" + std::to_string(hz) + ",mode=" + std::to_string(mode);
 }
 
+size_t spidevMessagePieces(const SpiPiece* pieces, size_t count, size_t bufsiz,
+                           size_t maxTransfers) {
+  // Each transfer takes its size rounded up to the DMA alignment: 128 bytes on arm64,
+  // less elsewhere; the largest is taken everywhere.
+  constexpr size_t kDmaAlign = 128;
+  size_t n = 0, used = 0;
+  while (n < count && n < maxTransfers) {
+    const size_t need = (pieces[n].size + kDmaAlign - 1) / kDmaAlign * kDmaAlign;
+    if (n > 0 && used + need > bufsiz) break;
+    used += need;
+    ++n;
+  }
+  return n;
+}
+
 std::unique_ptr<PanelTransport> makeSpidevTransport(const St7789Options& options) {
   return std::make_unique<SpidevTransport>(options);
-}
-
-std::unique_ptr<LcdOutput> makeSt7789Output(const std::string& options) {
-  St7789Options parsed;
-  std::string error;
-  if (!St7789Options::parse(options, parsed, error)) {
-    spdlog::error("EYE_LCD=\"st7789:{}\": {}", options, error);
-    return nullptr;
-  }
-  return std::make_unique<St7789Output>(makeSpidevTransport(parsed));
-}
-
-// ---------------------------------------------------------------------------------
-St7789Output::St7789Output(std::unique_ptr<PanelTransport> transport)
-    : transport_(std::move(transport)) {}
-
-std::string St7789Output::describe() const {
-  return "st7789:" + transport_->describe();
-}
-
-int St7789Output::send(uint8_t panel, bool data, const uint8_t* bytes, size_t size) {
-  int status = transport_->setDataCommand(panel, data);
-  if (status != 0) return failure(status);
-  // Whole pixel pairs (3 bytes) per transfer where the limit allows, so that no
-  // transfer, and no chip-select pulse, splits a pixel.
-  size_t chunk = transport_->maxTransfer();
-  if (chunk >= 3) chunk -= chunk % 3;
-  if (chunk == 0) chunk = 1;
-  while (size > 0) {
-    const size_t n = std::min(size, chunk);
-    status = transport_->spiWrite(panel, bytes, n);
-    if (status != 0) return failure(status);
-    bytes += n;
-    size -= n;
-  }
-  return 0;
-}
-
-int St7789Output::command(uint8_t panel, uint8_t code, const uint8_t* params, size_t count) {
-  const int status = send(panel, false, &code, 1);
-  if (status != 0 || count == 0) return status;
-  return send(panel, true, params, count);
-}
-
-int St7789Output::open_() {
-  opened_ = false;
-  failing_.fill(false);
-  int status = transport_->open();
-  if (status != 0) return failure(status);
-
-  auto resetAll = [&](bool level) {
-    for (uint8_t p = 0; p < LcdControl::kPanels && status == 0; ++p)
-      status = transport_->reset(p, level);
-  };
-  resetAll(true);
-  if (status == 0) resetAll(false);
-  if (status == 0) {
-    transport_->delayMs(kResetLowMs);
-    resetAll(true);
-  }
-  if (status == 0) transport_->delayMs(kResetRecoverMs);
-
-  for (const InitStep& step : kStartUp) {
-    for (uint8_t p = 0; p < LcdControl::kPanels && status == 0; ++p)
-      status = command(p, step.command, &step.param, step.paramCount);
-    if (status != 0) break;
-    if (step.delayMs > 0) transport_->delayMs(step.delayMs);
-  }
-  if (status != 0) {
-    spdlog::error("LCD output st7789: start-up of the panels failed ({})", transport_->describe());
-    return failure(status);
-  }
-  opened_ = true;
-  return 0;
-}
-
-int St7789Output::write_(uint8_t panel, const uint8_t* frame) {
-  if (!opened_ || panel >= LcdControl::kPanels || frame == nullptr) return -1;
-  // The whole panel every frame: also puts the write position back after any glitch.
-  static constexpr uint8_t kColumns[] = {0, 0, 0, LcdControl::kWidth - 1};
-  static constexpr uint8_t kRows[] = {0, 0, 0, LcdControl::kHeight - 1};
-  int status = command(panel, ST7789_CASET, kColumns, sizeof kColumns);
-  if (status == 0) status = command(panel, ST7789_RASET, kRows, sizeof kRows);
-  if (status == 0) status = command(panel, ST7789_RAMWR, nullptr, 0);
-  if (status == 0) status = send(panel, true, frame, LcdControl::kFrameBytes);
-  if (status != 0) {
-    // Logged once until a frame gets through again: frames come 25 times a second.
-    if (!failing_[panel])
-      spdlog::error("LCD output st7789: writing a frame to panel {} failed ({})", panel,
-                    transport_->describe());
-    failing_[panel] = true;
-    return failure(status);
-  }
-  failing_[panel] = false;
-  return 0;
 }

@@ -14,9 +14,9 @@
 
 #include "EyeSideAnimation.h"
 #include "Eyes.h"
-#include "FrameComposer.h"
 #include "LcdControl.h"
 #include "VContent.h"
+#include "compose/Composer.h"
 #include "moveEvent.h"
 
 namespace {

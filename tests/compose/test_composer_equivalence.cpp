@@ -12,10 +12,10 @@
 
 #include "AllocationCounter.h"
 #include "Eyes.h"
-#include "FrameComposer.h"
 #include "LcdControl.h"
 #include "ReferenceComposer.h"
 #include "VContent.h"
+#include "compose/Composer.h"
 
 namespace {
 
