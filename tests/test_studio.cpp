@@ -50,6 +50,7 @@ class StudioTest : public ::testing::Test {
     studio_ = new Studio(options);
     port_ = studio_->start();
     ASSERT_GT(port_, 0);
+    token_ = studio_->token();
   }
   static void TearDownTestSuite() {
     delete studio_;
@@ -87,8 +88,14 @@ class StudioTest : public ::testing::Test {
   static fs::path dir_;
   static Studio* studio_;
   static int port_;
-  httplib::Client client_{"127.0.0.1", port_};
+  static std::string token_;
+  httplib::Client client_ = [] {
+    httplib::Client client("127.0.0.1", port_);
+    client.set_default_headers({{"X-Studio-Token", token_}});
+    return client;
+  }();
 };
+std::string StudioTest::token_;
 
 fs::path StudioTest::dir_;
 Studio* StudioTest::studio_ = nullptr;

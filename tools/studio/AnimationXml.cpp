@@ -1,0 +1,182 @@
+#include "AnimationXml.h"
+
+#include <cstdio>
+
+#include "EyeAnimation.h"
+#include "LoadEyeAnimations.h"
+#include "lint.h"
+
+namespace studio {
+
+namespace {
+
+constexpr double kFrameMs = 40.0;
+
+moveEvent eventOf(const EventDraft& e) {
+  const auto s = [](int v) { return static_cast<short>(v); };
+  return moveEvent(s(e.x), s(e.y), s(e.timeMs), s(e.wait), static_cast<float>(e.scaleX),
+                   static_cast<float>(e.scaleY), kFrameMs, s(e.lidTopY), s(e.lidBotY),
+                   s(e.topLidIndex), s(e.botLidIndex), s(e.rotateAngle), s(e.ellipseH));
+}
+
+EventDraft draftOf(const moveEvent& e) {
+  return {e.x,           e.y,           e.move_ms,       e.wait_ms,       e.scale_x,
+          e.scale_y,     e.lid_top_y,   e.lid_bot_y,     e.top_lid_index, e.bot_lid_index,
+          e.rotate_angle, e.ellipse_h};
+}
+
+// Shortest text that reads back as the same float.
+std::string number(double value) {
+  char text[32];
+  for (int digits = 1; digits <= 9; ++digits) {
+    std::snprintf(text, sizeof text, "%.*g", digits, value);
+    if (static_cast<float>(std::strtod(text, nullptr)) == static_cast<float>(value)) break;
+  }
+  return text;
+}
+
+std::string side(const char* name, const std::vector<EventDraft>& events) {
+  std::string out = std::string("    <AnimationSide Side=\"") + name + "\">\n";
+  for (const EventDraft& e : events) {
+    // Decimal without leading zeros: the reader takes 010 as octal.
+    out += "      <Event X=\"" + std::to_string(e.x) + "\" Y=\"" + std::to_string(e.y) +
+           "\" TimeMs=\"" + std::to_string(e.timeMs) + "\" Wait=\"" + std::to_string(e.wait) +
+           "\" ScaleX=\"" + number(e.scaleX) + "\" ScaleY=\"" + number(e.scaleY) +
+           "\" LidTopY=\"" + std::to_string(e.lidTopY) + "\" LidBotY=\"" +
+           std::to_string(e.lidBotY) + "\" TopLidIndex=\"" + std::to_string(e.topLidIndex) +
+           "\" BotLidIndex=\"" + std::to_string(e.botLidIndex) + "\" RotateAngle=\"" +
+           std::to_string(e.rotateAngle) + "\" Ellipse_H=\"" + std::to_string(e.ellipseH) +
+           "\"/>\n";
+  }
+  return out + "    </AnimationSide>\n";
+}
+
+std::string escaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+// Offset just past what starts at `at` when it is a comment, declaration or CDATA
+// section; `at` otherwise.
+size_t skipMarkup(const std::string& text, size_t at) {
+  for (const auto& [open, close] : {std::pair<const char*, const char*>{"<!--", "-->"},
+                                    {"<![CDATA[", "]]>"},
+                                    {"<?", "?>"},
+                                    {"<!", ">"}}) {
+    if (text.compare(at, std::char_traits<char>::length(open), open) == 0) {
+      const size_t end = text.find(close, at);
+      return end == std::string::npos ? text.size() : end + std::char_traits<char>::length(close);
+    }
+  }
+  return at;
+}
+
+bool isNameChar(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.' ||
+         c == ':';
+}
+
+// Value of attribute `name` in the start tag text `tag`.
+std::string attribute(const std::string& tag, const std::string& name) {
+  for (size_t at = tag.find(name); at != std::string::npos; at = tag.find(name, at + 1)) {
+    if (at == 0 || isNameChar(tag[at - 1])) continue;
+    size_t p = at + name.size();
+    while (p < tag.size() && std::isspace(static_cast<unsigned char>(tag[p]))) ++p;
+    if (p >= tag.size() || tag[p] != '=') continue;
+    ++p;
+    while (p < tag.size() && std::isspace(static_cast<unsigned char>(tag[p]))) ++p;
+    if (p >= tag.size() || (tag[p] != '"' && tag[p] != '\'')) continue;
+    const size_t end = tag.find(tag[p], p + 1);
+    if (end == std::string::npos) return {};
+    return tag.substr(p + 1, end - p - 1);
+  }
+  return {};
+}
+
+}  // namespace
+
+std::shared_ptr<EyeAnimation> buildAnimation(const AnimationDraft& draft) {
+  auto animation = std::make_shared<EyeAnimation>(static_cast<uint16_t>(draft.id), draft.name);
+  animation->categories = LoadEyeAnimations::getEyeAnimationCategories(draft.categories);
+  for (const EventDraft& e : draft.left) animation->left.events.push_back(eventOf(e));
+  for (const EventDraft& e : draft.right) animation->right.events.push_back(eventOf(e));
+  return animation;
+}
+
+AnimationDraft draftOf(const EyeAnimation& animation) {
+  AnimationDraft draft;
+  draft.id = animation.id;
+  draft.name = animation.name;
+  for (auto category : animation.categories) draft.categories.push_back(eyes::categoryName(category));
+  for (const auto& e : animation.left.events) draft.left.push_back(draftOf(e));
+  for (const auto& e : animation.right.events) draft.right.push_back(draftOf(e));
+  return draft;
+}
+
+std::string animationElement(const AnimationDraft& draft) {
+  std::string categories;
+  for (const auto& c : draft.categories) categories += (categories.empty() ? "" : ",") + c;
+  return "  <Animation Id=\"" + std::to_string(draft.id) + "\" Name=\"" + escaped(draft.name) +
+         "\" Categories=\"" + escaped(categories) + "\">\n" + side("Left", draft.left) +
+         side("Right", draft.right) + "  </Animation>\n";
+}
+
+std::string spliceAnimation(const std::string& text, const std::string& replaces,
+                            const AnimationDraft& draft, std::string& error) {
+  // Walks the tags outside comments: Animation elements do not nest, so each one
+  // runs from its start tag to the first end tag after it.
+  size_t listEnd = std::string::npos;
+  size_t start = std::string::npos, end = std::string::npos;
+  for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at + 1)) {
+    const size_t skipped = skipMarkup(text, at);
+    if (skipped != at) {
+      at = skipped - 1;
+      continue;
+    }
+    if (text.compare(at, 7, "</List>") == 0) listEnd = at;
+    if (replaces.empty() || start != std::string::npos) continue;
+    if (text.compare(at, 10, "<Animation") != 0 || isNameChar(text[at + 10])) continue;
+    const size_t tagEnd = text.find('>', at);
+    if (tagEnd == std::string::npos) break;
+    if (attribute(text.substr(at, tagEnd - at), "Name") != replaces) continue;
+    start = at;
+    if (text[tagEnd - 1] == '/') {
+      end = tagEnd + 1;
+    } else {
+      const size_t close = text.find("</Animation", tagEnd);
+      const size_t closeEnd = close == std::string::npos ? close : text.find('>', close);
+      if (closeEnd == std::string::npos) break;
+      end = closeEnd + 1;
+    }
+  }
+  std::string element = animationElement(draft);
+  if (!replaces.empty()) {
+    if (start == std::string::npos || end == std::string::npos) {
+      error = "the catalogue has no animation named \"" + replaces + "\" any more";
+      return {};
+    }
+    // The element text starts where the old one started and ends where it ended.
+    element = element.substr(2, element.size() - 3);
+    return text.substr(0, start) + element + text.substr(end);
+  }
+  if (listEnd == std::string::npos) {
+    error = "the catalogue has no </List> to add the animation to";
+    return {};
+  }
+  // Added on a line of its own, after a blank line, as the bundled file spaces them.
+  size_t lineStart = text.rfind('\n', listEnd);
+  lineStart = lineStart == std::string::npos ? 0 : lineStart + 1;
+  const bool ownLine = text.find_first_not_of(" \t", lineStart) == listEnd;
+  const size_t insertAt = ownLine ? lineStart : listEnd;
+  return text.substr(0, insertAt) + (ownLine ? "\n" : "\n\n") + element + text.substr(insertAt);
+}
+
+}  // namespace studio
