@@ -202,6 +202,7 @@ json stateJson(const Session& s, uint64_t afterSeq) {
           {"loop", s.loop},
           {"slowdown", s.slowdown},
           {"animation", s.selected ? s.selected->name : ""},
+          {"selection", s.selection},
           {"frames", s.timeline.size()},
           {"stepFrame", s.shownFrame},
           {"generation", s.generation},

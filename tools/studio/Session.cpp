@@ -89,6 +89,7 @@ void Session::reload() {
   }
   // The selection goes with the old catalogue; a save selects its animation anew.
   selected.reset();
+  ++selection;
   stepping_.reset();
   timeline.clear();
   shownFrame = -1;
@@ -198,6 +199,7 @@ void Session::select(std::shared_ptr<EyeAnimation> animation, bool run) {
   requireEyes();
   EyeControl::Abort();
   selected = std::move(animation);
+  ++selection;
   timeline = buildTimeline(*selected, rest_[0].pose, rest_[1].pose);
   stepping_.reset();
   rewind();

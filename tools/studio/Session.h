@@ -67,6 +67,7 @@ class Session {
   std::string irisShape, irisStyle, backgroundType, backgroundStyle;
 
   std::shared_ptr<EyeAnimation> selected;
+  uint64_t selection = 0;  // counts selections, so the page knows to fetch the timeline
   std::vector<TimelineFrame> timeline;  // every frame of `selected`, from the rest pose
   int shownFrame = -1;                  // frame on the eyes, -1 before the first
   bool running = false;
