@@ -36,6 +36,17 @@ std::string catalogue(const std::string& extraName) {
   return xml + "</List>";
 }
 
+json eventJson(int timeMs, int topLid) {
+  return {{"X", 60},       {"Y", 100},     {"TimeMs", timeMs}, {"Wait", 40},
+          {"ScaleX", 1.5}, {"ScaleY", 555}, {"LidTopY", 30},   {"LidBotY", 240},
+          {"TopLidIndex", topLid}, {"BotLidIndex", 1}, {"RotateAngle", 0}, {"Ellipse_H", 0}};
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 class StudioTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -121,7 +132,16 @@ TEST_F(StudioTest, BadRequestsAreRefusedWithAReason) {
       {"/api/position", "side=left&x=12abc&y=0", 400},
       {"/api/step", "frame=0", 409},  // nothing played yet
       {"/api/pause", "", 409},
+      {"/api/resume", "", 409},
+      {"/api/playback", "slowdown=3", 400},
       {"/api/no_such_endpoint", "", 404},
+      {"/api/preview", "not json", 400},
+      {"/api/preview", R"({"animation":{"id":1}})", 400},
+      {"/api/preview", R"({"animation":{"name":"a","id":70000}})", 400},
+      {"/api/preview", R"({"animation":{"name":"a","id":1,"categories":["JOY"]}})", 400},
+      {"/api/preview", R"({"animation":{"name":"a","id":1,"left":[{"X":1}]}})", 400},
+      {"/api/save", R"({"animation":{"name":"drift","id":2}})", 409},  // the name is taken
+      {"/api/save", R"({"replaces":"gone","animation":{"name":"b","id":2}})", 409},
   };
   for (const Case& c : cases) {
     auto res = post(c.path, c.form);
@@ -129,6 +149,11 @@ TEST_F(StudioTest, BadRequestsAreRefusedWithAReason) {
     EXPECT_EQ(res->status, c.status) << c.path << " " << c.form;
     EXPECT_FALSE(json::parse(res->body).value("error", "").empty()) << c.path << " " << c.form;
   }
+  // An event with a lid index beyond the catalogue, and a negative move time.
+  json animation = {{"name", "a"}, {"id", 1}, {"left", {eventJson(0, 99)}}};
+  EXPECT_EQ(post("/api/preview", json{{"animation", animation}}.dump())->status, 400);
+  animation["left"] = {eventJson(-40, 0)};
+  EXPECT_EQ(post("/api/preview", json{{"animation", animation}}.dump())->status, 400);
   auto res = client_.Get("/api/frame?after=many");
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 400);
@@ -200,6 +225,67 @@ TEST_F(StudioTest, ABrokenCatalogueIsReportedAndTheLoadedOneStays) {
   EXPECT_EQ(cat["animations"][1]["lengthMs"], cat["animations"][0]["lengthMs"]);
   EXPECT_EQ(cat["generation"], generation + 1);
   EXPECT_EQ(post("/api/play", "name=drift_again")->status, 200);
+}
+
+TEST_F(StudioTest, StrangersAreRefusedAndChangeNothing) {
+  const std::string own = "127.0.0.1:" + std::to_string(port_);
+  struct Case {
+    std::string host, origin, token;
+  };
+  const Case cases[] = {{own, "", ""},
+                        {own, "", "wrong"},
+                        {own, "http://evil.example", token_},
+                        {own, "http://127.0.0.1:1", token_},
+                        {"evil.example:" + std::to_string(port_), "", token_}};
+  const auto before = get("/api/state");
+  for (const Case& c : cases) {
+    httplib::Headers headers = {{"Host", c.host}, {"X-Studio-Token", c.token}};
+    if (!c.origin.empty()) headers.emplace("Origin", c.origin);
+    httplib::Client stranger("127.0.0.1", port_);
+    auto res = stranger.Post("/api/play", headers, "name=drift", "application/x-www-form-urlencoded");
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 403) << c.host << " " << c.origin << " " << c.token;
+  }
+  EXPECT_EQ(get("/api/state")["selection"], before["selection"]);
+  httplib::Client page("127.0.0.1", port_);
+  EXPECT_EQ(page.Get("/", {{"Origin", "http://localhost:" + std::to_string(port_)}})->status, 200);
+}
+
+TEST_F(StudioTest, SavingWritesOnlyItsAnimationAndKeepsABackup) {
+  const fs::path file = dir_ / "eyeanimations.xml";
+  write("eyeanimations.xml", "<?xml version=\"1.0\"?>\n<!-- kept -->\n<List>\n" + catalogue("").substr(6));
+  studio_->reloadIfChanged();
+  const std::string before = readFile(file);
+  json draft = {{"name", "wave"},
+                {"id", 7},
+                {"categories", {"HAPPINESS", "IDLE"}},
+                {"left", {eventJson(100, 2), eventJson(0, 0)}},
+                {"right", {eventJson(200, 0)}}};
+  auto res = post("/api/save", json{{"animation", draft}}.dump());
+  ASSERT_EQ(res->status, 200) << res->body;
+  EXPECT_EQ(readFile(fs::path(file) += ".bak"), before);
+  const std::string saved = readFile(file);
+  const size_t at = saved.find("  <Animation Id=\"7\" Name=\"wave\" Categories=\"HAPPINESS,IDLE\">");
+  ASSERT_NE(at, std::string::npos) << saved;
+  const size_t listEnd = before.rfind("</List>");
+  EXPECT_EQ(saved.substr(0, listEnd), before.substr(0, listEnd));
+  EXPECT_NE(saved.find(R"(TimeMs="100" Wait="40" ScaleX="1.5" ScaleY="555")"), std::string::npos);
+
+  // The reload shows it, selected, timed as the player rounds it.
+  const json timeline = get("/api/timeline");
+  EXPECT_EQ(timeline["animation"], "wave");
+  EXPECT_EQ(timeline["rounded"]["left"][0]["moveMs"], 120);
+  EXPECT_EQ(timeline["draft"]["left"][0]["TopLidIndex"], 2);
+  EXPECT_EQ(get("/api/catalogue")["animations"].back()["name"], "wave");
+
+  // Renamed in place: the other animation and the comment stay as they were.
+  draft["name"] = "wave_2";
+  res = post("/api/save", json{{"replaces", "wave"}, {"animation", draft}}.dump());
+  ASSERT_EQ(res->status, 200) << res->body;
+  const std::string renamed = readFile(file);
+  EXPECT_EQ(renamed.find("\"wave\""), std::string::npos);
+  EXPECT_EQ(renamed.substr(0, listEnd), before.substr(0, listEnd));
+  EXPECT_EQ(renamed.substr(at, 33), "  <Animation Id=\"7\" Name=\"wave_2\"");
 }
 
 }  // namespace

@@ -151,7 +151,9 @@ std::string spliceAnimation(const std::string& text, const std::string& replaces
     if (text[tagEnd - 1] == '/') {
       end = tagEnd + 1;
     } else {
-      const size_t close = text.find("</Animation", tagEnd);
+      size_t close = text.find("</Animation", tagEnd);
+      while (close != std::string::npos && isNameChar(text[close + 11]))  // </AnimationSide
+        close = text.find("</Animation", close + 1);
       const size_t closeEnd = close == std::string::npos ? close : text.find('>', close);
       if (closeEnd == std::string::npos) break;
       end = closeEnd + 1;
