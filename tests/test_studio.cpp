@@ -37,9 +37,10 @@ std::string catalogue(const std::string& extraName) {
 }
 
 json eventJson(int timeMs, int topLid) {
-  return {{"X", 60},       {"Y", 100},     {"TimeMs", timeMs}, {"Wait", 40},
-          {"ScaleX", 1.5}, {"ScaleY", 555}, {"LidTopY", 30},   {"LidBotY", 240},
-          {"TopLidIndex", topLid}, {"BotLidIndex", 1}, {"RotateAngle", 0}, {"Ellipse_H", 0}};
+  return {{"X", 60},          {"Y", 100},         {"TimeMs", timeMs},
+          {"Wait", 40},       {"ScaleX", 1.5},    {"ScaleY", 555},
+          {"LidTopY", 30},    {"LidBotY", 240},   {"TopLidIndex", topLid},
+          {"BotLidIndex", 1}, {"RotateAngle", 0}, {"Ellipse_H", 0}};
 }
 
 std::string readFile(const fs::path& path) {
@@ -242,7 +243,8 @@ TEST_F(StudioTest, StrangersAreRefusedAndChangeNothing) {
     httplib::Headers headers = {{"Host", c.host}, {"X-Studio-Token", c.token}};
     if (!c.origin.empty()) headers.emplace("Origin", c.origin);
     httplib::Client stranger("127.0.0.1", port_);
-    auto res = stranger.Post("/api/play", headers, "name=drift", "application/x-www-form-urlencoded");
+    auto res =
+        stranger.Post("/api/play", headers, "name=drift", "application/x-www-form-urlencoded");
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 403) << c.host << " " << c.origin << " " << c.token;
   }
@@ -253,7 +255,8 @@ TEST_F(StudioTest, StrangersAreRefusedAndChangeNothing) {
 
 TEST_F(StudioTest, SavingWritesOnlyItsAnimationAndKeepsABackup) {
   const fs::path file = dir_ / "eyeanimations.xml";
-  write("eyeanimations.xml", "<?xml version=\"1.0\"?>\n<!-- kept -->\n<List>\n" + catalogue("").substr(6));
+  write("eyeanimations.xml",
+        "<?xml version=\"1.0\"?>\n<!-- kept -->\n<List>\n" + catalogue("").substr(6));
   studio_->reloadIfChanged();
   const std::string before = readFile(file);
   json draft = {{"name", "wave"},
@@ -265,7 +268,8 @@ TEST_F(StudioTest, SavingWritesOnlyItsAnimationAndKeepsABackup) {
   ASSERT_EQ(res->status, 200) << res->body;
   EXPECT_EQ(readFile(fs::path(file) += ".bak"), before);
   const std::string saved = readFile(file);
-  const size_t at = saved.find("  <Animation Id=\"7\" Name=\"wave\" Categories=\"HAPPINESS,IDLE\">");
+  const size_t at =
+      saved.find("  <Animation Id=\"7\" Name=\"wave\" Categories=\"HAPPINESS,IDLE\">");
   ASSERT_NE(at, std::string::npos) << saved;
   const size_t listEnd = before.rfind("</List>");
   EXPECT_EQ(saved.substr(0, listEnd), before.substr(0, listEnd));

@@ -20,9 +20,8 @@ moveEvent eventOf(const EventDraft& e) {
 }
 
 EventDraft draftOf(const moveEvent& e) {
-  return {e.x,           e.y,           e.move_ms,       e.wait_ms,       e.scale_x,
-          e.scale_y,     e.lid_top_y,   e.lid_bot_y,     e.top_lid_index, e.bot_lid_index,
-          e.rotate_angle, e.ellipse_h};
+  return {e.x,         e.y,         e.move_ms,       e.wait_ms,       e.scale_x,      e.scale_y,
+          e.lid_top_y, e.lid_bot_y, e.top_lid_index, e.bot_lid_index, e.rotate_angle, e.ellipse_h};
 }
 
 // Shortest text that reads back as the same float.
@@ -41,12 +40,11 @@ std::string side(const char* name, const std::vector<EventDraft>& events) {
     // Decimal without leading zeros: the reader takes 010 as octal.
     out += "      <Event X=\"" + std::to_string(e.x) + "\" Y=\"" + std::to_string(e.y) +
            "\" TimeMs=\"" + std::to_string(e.timeMs) + "\" Wait=\"" + std::to_string(e.wait) +
-           "\" ScaleX=\"" + number(e.scaleX) + "\" ScaleY=\"" + number(e.scaleY) +
-           "\" LidTopY=\"" + std::to_string(e.lidTopY) + "\" LidBotY=\"" +
-           std::to_string(e.lidBotY) + "\" TopLidIndex=\"" + std::to_string(e.topLidIndex) +
-           "\" BotLidIndex=\"" + std::to_string(e.botLidIndex) + "\" RotateAngle=\"" +
-           std::to_string(e.rotateAngle) + "\" Ellipse_H=\"" + std::to_string(e.ellipseH) +
-           "\"/>\n";
+           "\" ScaleX=\"" + number(e.scaleX) + "\" ScaleY=\"" + number(e.scaleY) + "\" LidTopY=\"" +
+           std::to_string(e.lidTopY) + "\" LidBotY=\"" + std::to_string(e.lidBotY) +
+           "\" TopLidIndex=\"" + std::to_string(e.topLidIndex) + "\" BotLidIndex=\"" +
+           std::to_string(e.botLidIndex) + "\" RotateAngle=\"" + std::to_string(e.rotateAngle) +
+           "\" Ellipse_H=\"" + std::to_string(e.ellipseH) + "\"/>\n";
   }
   return out + "    </AnimationSide>\n";
 }
@@ -55,10 +53,17 @@ std::string escaped(const std::string& text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -115,7 +120,8 @@ AnimationDraft draftOf(const EyeAnimation& animation) {
   AnimationDraft draft;
   draft.id = animation.id;
   draft.name = animation.name;
-  for (auto category : animation.categories) draft.categories.push_back(eyes::categoryName(category));
+  for (auto category : animation.categories)
+    draft.categories.push_back(eyes::categoryName(category));
   for (const auto& e : animation.left.events) draft.left.push_back(draftOf(e));
   for (const auto& e : animation.right.events) draft.right.push_back(draftOf(e));
   return draft;

@@ -24,8 +24,8 @@ std::pair<uint64_t, std::string> FrameHub::next(uint64_t after) {
   std::string body;
   body.reserve(2 * 240 * 240 * 3);
   for (const auto& frame : frames) {
-    std::vector<uint8_t> rgb = frame.empty() ? std::vector<uint8_t>(240 * 240 * 3)
-                                             : LcdControl::unpack12Bit(frame.data());
+    std::vector<uint8_t> rgb =
+        frame.empty() ? std::vector<uint8_t>(240 * 240 * 3) : LcdControl::unpack12Bit(frame.data());
     body.append(rgb.begin(), rgb.end());
   }
   return {counter, std::move(body)};

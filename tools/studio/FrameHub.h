@@ -25,6 +25,7 @@ class FrameHub {
 
   // While muted, frames are not passed on (frames drawn only to reach another).
   void mute(bool muted) { muted_ = muted; }
+  bool muted() const { return muted_; }
 
   void close();
 

@@ -34,10 +34,14 @@ long numberParam(const Request& req, const char* name, long lowest, long highest
 
 json poseJson(const TrackFrame& track) {
   const auto& p = track.pose;
-  return {{"event", track.event},          {"x", p.x},
-          {"y", p.y},                      {"scaleX", p.scaleX},
-          {"scaleY", p.scaleY},            {"topLidY", p.topLidY},
-          {"bottomLidY", p.bottomLidY},    {"topLidIndex", track.topLidIndex},
+  return {{"event", track.event},
+          {"x", p.x},
+          {"y", p.y},
+          {"scaleX", p.scaleX},
+          {"scaleY", p.scaleY},
+          {"topLidY", p.topLidY},
+          {"bottomLidY", p.bottomLidY},
+          {"topLidIndex", track.topLidIndex},
           {"bottomLidIndex", track.bottomLidIndex}};
 }
 
@@ -52,30 +56,40 @@ json findingsJson(const std::vector<Finding>& findings) {
 }
 
 // Events as the page edits them: the file's attribute names, the file's values.
-const char* const kEventFields[] = {"X",           "Y",       "TimeMs",      "Wait",
-                                    "ScaleX",      "ScaleY",  "LidTopY",     "LidBotY",
+const char* const kEventFields[] = {"X",           "Y",           "TimeMs",      "Wait",
+                                    "ScaleX",      "ScaleY",      "LidTopY",     "LidBotY",
                                     "TopLidIndex", "BotLidIndex", "RotateAngle", "Ellipse_H"};
 
 json eventJson(const EventDraft& e) {
-  return {{"X", e.x},           {"Y", e.y},
-          {"TimeMs", e.timeMs}, {"Wait", e.wait},
-          {"ScaleX", e.scaleX}, {"ScaleY", e.scaleY},
-          {"LidTopY", e.lidTopY}, {"LidBotY", e.lidBotY},
-          {"TopLidIndex", e.topLidIndex}, {"BotLidIndex", e.botLidIndex},
-          {"RotateAngle", e.rotateAngle}, {"Ellipse_H", e.ellipseH}};
+  return {{"X", e.x},
+          {"Y", e.y},
+          {"TimeMs", e.timeMs},
+          {"Wait", e.wait},
+          {"ScaleX", e.scaleX},
+          {"ScaleY", e.scaleY},
+          {"LidTopY", e.lidTopY},
+          {"LidBotY", e.lidBotY},
+          {"TopLidIndex", e.topLidIndex},
+          {"BotLidIndex", e.botLidIndex},
+          {"RotateAngle", e.rotateAngle},
+          {"Ellipse_H", e.ellipseH}};
 }
 
 json draftJson(const AnimationDraft& d) {
   json left = json::array(), right = json::array();
   for (const auto& e : d.left) left.push_back(eventJson(e));
   for (const auto& e : d.right) right.push_back(eventJson(e));
-  return {{"id", d.id}, {"name", d.name}, {"categories", d.categories},
-          {"left", left}, {"right", right}};
+  return {{"id", d.id},
+          {"name", d.name},
+          {"categories", d.categories},
+          {"left", left},
+          {"right", right}};
 }
 
 EventDraft eventOf(const json& j, const std::string& where) {
   EventDraft e;
-  int* ints[] = {&e.x, &e.y, &e.timeMs, &e.wait, nullptr, nullptr, &e.lidTopY, &e.lidBotY,
+  int* ints[] = {&e.x,           &e.y,           &e.timeMs,      &e.wait,
+                 nullptr,        nullptr,        &e.lidTopY,     &e.lidBotY,
                  &e.topLidIndex, &e.botLidIndex, &e.rotateAngle, &e.ellipseH};
   const long lids = static_cast<long>(EyeControl::lid_images.size());
   for (size_t i = 0; i < std::size(kEventFields); ++i) {
@@ -86,7 +100,8 @@ EventDraft eventOf(const json& j, const std::string& where) {
     if (!j.contains(name) || !j[name].is_number()) throw bad("must be a number");
     if (!ints[i]) {
       (i == 4 ? e.scaleX : e.scaleY) = j[name].get<double>();
-      if (!(j[name].get<double>() > 0) || j[name].get<double>() > 555) throw bad("must be above 0, at most 555");
+      if (!(j[name].get<double>() > 0) || j[name].get<double>() > 555)
+        throw bad("must be above 0, at most 555");
       continue;
     }
     if (!j[name].is_number_integer()) throw bad("must be a whole number");
@@ -94,8 +109,9 @@ EventDraft eventOf(const json& j, const std::string& where) {
     const bool time = i == 2 || i == 3;
     const bool lid = i == 8 || i == 9;
     if ((time && (v < 0 || v > 32767)) || (lid && (v < 0 || v >= lids)) || v < -32768 || v > 32767)
-      throw bad(lid ? "must name one of the " + std::to_string(lids) + " lid images"
-                    : time ? "must be from 0 to 32767 ms" : "is out of range");
+      throw bad(lid    ? "must name one of the " + std::to_string(lids) + " lid images"
+                : time ? "must be from 0 to 32767 ms"
+                       : "is out of range");
     *ints[i] = static_cast<int>(v);
   }
   return e;
@@ -113,7 +129,8 @@ AnimationDraft draftFromJson(const json& j) {
   d.id = id.get<unsigned>();
   for (const auto& c : j.value("categories", json::array())) {
     bool known = false;
-    for (int k = 1; k <= EYEANIMATION_USER_DEFINED; ++k) known = known || c == eyes::categoryName(k);
+    for (int k = 1; k <= EYEANIMATION_USER_DEFINED; ++k)
+      known = known || c == eyes::categoryName(k);
     if (!known) throw BadRequest{400, "unknown category " + c.dump()};
     d.categories.push_back(c);
   }
@@ -182,8 +199,12 @@ json catalogueJson(const Session& s) {
                     {"id", EyeControl::lid_images[i].id}});
   json categories = json::array();
   for (int k = 1; k <= EYEANIMATION_USER_DEFINED; ++k) categories.push_back(eyes::categoryName(k));
-  return {{"generation", s.generation}, {"animations", animations}, {"irises", irises}, {"backgrounds", backgrounds},
-          {"lids", lids},             {"categories", categories}};
+  return {{"generation", s.generation},
+          {"animations", animations},
+          {"irises", irises},
+          {"backgrounds", backgrounds},
+          {"lids", lids},
+          {"categories", categories}};
 }
 
 json stateJson(const Session& s, uint64_t afterSeq) {
@@ -225,7 +246,8 @@ std::string Guard::refuse(const Request& req) const {
       if (authority == name + suffix) return true;
     return false;
   };
-  if (!ours(req.get_header_value("Host"))) return "unknown Host: open the address the studio printed";
+  if (!ours(req.get_header_value("Host")))
+    return "unknown Host: open the address the studio printed";
   if (req.has_header("Origin")) {
     const std::string origin = req.get_header_value("Origin");
     if (origin.rfind("http://", 0) != 0 || !ours(origin.substr(7)))
@@ -331,17 +353,15 @@ void addRoutes(httplib::Server& server, Session& s, const Guard& guard) {
                 }
                 return json::object();
               }));
-  server.Post("/api/step", command([&s](const Request& req) {
-                s.requireEyes();
-                if (s.timeline.empty()) throw BadRequest{409, "no animation to step through"};
-                const long frame =
-                    numberParam(req, "frame", 0, static_cast<long>(s.timeline.size()) - 1);
-                s.step(static_cast<int>(frame));
-                const auto& f = s.timeline[static_cast<size_t>(frame)];
-                return json{{"stepFrame", frame},
-                            {"left", poseJson(f.left)},
-                            {"right", poseJson(f.right)}};
-              }));
+  server.Post(
+      "/api/step", command([&s](const Request& req) {
+        s.requireEyes();
+        if (s.timeline.empty()) throw BadRequest{409, "no animation to step through"};
+        const long frame = numberParam(req, "frame", 0, static_cast<long>(s.timeline.size()) - 1);
+        s.step(static_cast<int>(frame));
+        const auto& f = s.timeline[static_cast<size_t>(frame)];
+        return json{{"stepFrame", frame}, {"left", poseJson(f.left)}, {"right", poseJson(f.right)}};
+      }));
 
   server.Post("/api/iris", command([&s](const Request& req) {
                 s.requireEyes();
@@ -351,15 +371,15 @@ void addRoutes(httplib::Server& server, Session& s, const Guard& guard) {
                   throw BadRequest{404, "no iris " + shape + "/" + style + " in the catalogue"};
                 return json::object();
               }));
-  server.Post("/api/background", command([&s](const Request& req) {
-                s.requireEyes();
-                const std::string type = textParam(req, "type");
-                const std::string style = textParam(req, "style");
-                if (!s.showBackground(type, style))
-                  throw BadRequest{404,
-                                   "no background " + type + "/" + style + " in the catalogue"};
-                return json::object();
-              }));
+  server.Post(
+      "/api/background", command([&s](const Request& req) {
+        s.requireEyes();
+        const std::string type = textParam(req, "type");
+        const std::string style = textParam(req, "style");
+        if (!s.showBackground(type, style))
+          throw BadRequest{404, "no background " + type + "/" + style + " in the catalogue"};
+        return json::object();
+      }));
   server.Post("/api/lids", command([&s](const Request& req) {
                 s.requireEyes();
                 const long highest = static_cast<long>(EyeControl::lid_images.size()) - 1;

@@ -183,12 +183,13 @@ void Session::note(const char* kind) {
 // Back to the rest pose with a fresh copy of the selected animation, ready for its
 // first frame; this is where `eyes render` starts too.
 void Session::rewind() {
+  const bool muted = hub->muted();
   hub->mute(true);
   setPose(true, rest_[0].pose, rest_[0].top, rest_[0].bottom);
   setPose(false, rest_[1].pose, rest_[1].top, rest_[1].bottom);
   // An animation may have switched the iris image.
   showIris(irisShape, irisStyle);
-  hub->mute(false);
+  hub->mute(muted);
   stepping_ = std::make_shared<EyeAnimation>(*selected);
   stepping_->ClearAnimation();
   stepping_->state = AnimationState::PLAYING;
@@ -234,7 +235,6 @@ void Session::step(int frame) {
   // Only the frame asked for goes to the page, not the ones drawn on the way.
   hub->mute(true);
   if (!stepping_ || frame < framesStepped_ - 1) rewind();
-  hub->mute(true);
   while (framesStepped_ <= frame && EyeControl::stepAnimationFrame(*stepping_)) ++framesStepped_;
   hub->mute(false);
   EyeControl::SetFrames(EyeSide::BOTH);

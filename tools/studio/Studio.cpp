@@ -2,6 +2,7 @@
 
 #include <httplib.h>
 #include <spdlog/spdlog.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <condition_variable>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
-#include <sys/socket.h>
 #include <thread>
 
 #include "EyeControl.h"
@@ -36,8 +36,7 @@ std::string newToken() {
 }  // namespace
 
 struct Studio::Impl {
-  explicit Impl(StudioOptions opts)
-      : options(std::move(opts)), session(options.configDir, hub) {
+  explicit Impl(StudioOptions opts) : options(std::move(opts)), session(options.configDir, hub) {
     guard.token = newToken();
     guard.host = options.host;
   }
@@ -96,10 +95,11 @@ int Studio::start() {
   studio::addRoutes(s.server, s.session, s.guard);
   s.serverThread = std::thread([&s] { s.server.listen_after_bind(); });
   s.watchThread = s.every([&s] { return s.options.pollInterval; }, [this] { reloadIfChanged(); });
-  s.playerThread = s.every([&s] { return kFramePeriod * s.session.slowdown; }, [&s] {
-    std::lock_guard<std::mutex> lock(s.session.commands);
-    s.session.tick();
-  });
+  s.playerThread = s.every([&s] { return kFramePeriod * s.session.slowdown; },
+                           [&s] {
+                             std::lock_guard<std::mutex> lock(s.session.commands);
+                             s.session.tick();
+                           });
   return port;
 }
 
