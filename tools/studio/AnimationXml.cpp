@@ -1,5 +1,7 @@
 #include "AnimationXml.h"
 
+#include <tinyxml2.h>
+
 #include <cstdio>
 
 #include "EyeAnimation.h"
@@ -34,39 +36,34 @@ std::string number(double value) {
   return text;
 }
 
-std::string side(const char* name, const std::vector<EventDraft>& events) {
-  std::string out = std::string("    <AnimationSide Side=\"") + name + "\">\n";
-  for (const EventDraft& e : events) {
-    // Decimal without leading zeros: the reader takes 010 as octal.
-    out += "      <Event X=\"" + std::to_string(e.x) + "\" Y=\"" + std::to_string(e.y) +
-           "\" TimeMs=\"" + std::to_string(e.timeMs) + "\" Wait=\"" + std::to_string(e.wait) +
-           "\" ScaleX=\"" + number(e.scaleX) + "\" ScaleY=\"" + number(e.scaleY) + "\" LidTopY=\"" +
-           std::to_string(e.lidTopY) + "\" LidBotY=\"" + std::to_string(e.lidBotY) +
-           "\" TopLidIndex=\"" + std::to_string(e.topLidIndex) + "\" BotLidIndex=\"" +
-           std::to_string(e.botLidIndex) + "\" RotateAngle=\"" + std::to_string(e.rotateAngle) +
-           "\" Ellipse_H=\"" + std::to_string(e.ellipseH) + "\"/>\n";
+// Indents as the bundled catalogue does: two spaces a level, "List" children one in.
+class CataloguePrinter : public tinyxml2::XMLPrinter {
+ protected:
+  void PrintSpace(int depth) override {
+    for (int i = 0; i <= depth; ++i) Write("  ");
   }
-  return out + "    </AnimationSide>\n";
-}
+};
 
-std::string escaped(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += c;
-    }
+void addSide(tinyxml2::XMLElement& animation, const char* name,
+             const std::vector<EventDraft>& events) {
+  auto* side = animation.InsertNewChildElement("AnimationSide");
+  side->SetAttribute("Side", name);
+  for (const EventDraft& e : events) {
+    auto* event = side->InsertNewChildElement("Event");
+    // Decimal without leading zeros: the reader takes 010 as octal.
+    event->SetAttribute("X", e.x);
+    event->SetAttribute("Y", e.y);
+    event->SetAttribute("TimeMs", e.timeMs);
+    event->SetAttribute("Wait", e.wait);
+    event->SetAttribute("ScaleX", number(e.scaleX).c_str());
+    event->SetAttribute("ScaleY", number(e.scaleY).c_str());
+    event->SetAttribute("LidTopY", e.lidTopY);
+    event->SetAttribute("LidBotY", e.lidBotY);
+    event->SetAttribute("TopLidIndex", e.topLidIndex);
+    event->SetAttribute("BotLidIndex", e.botLidIndex);
+    event->SetAttribute("RotateAngle", e.rotateAngle);
+    event->SetAttribute("Ellipse_H", e.ellipseH);
   }
-  return out;
 }
 
 // Offset just past what starts at `at` when it is a comment, declaration or CDATA
@@ -130,9 +127,21 @@ AnimationDraft draftOf(const EyeAnimation& animation) {
 std::string animationElement(const AnimationDraft& draft) {
   std::string categories;
   for (const auto& c : draft.categories) categories += (categories.empty() ? "" : ",") + c;
-  return "  <Animation Id=\"" + std::to_string(draft.id) + "\" Name=\"" + escaped(draft.name) +
-         "\" Categories=\"" + escaped(categories) + "\">\n" + side("Left", draft.left) +
-         side("Right", draft.right) + "  </Animation>\n";
+  tinyxml2::XMLDocument document;
+  auto* animation = document.NewElement("Animation");
+  document.InsertEndChild(animation);
+  animation->SetAttribute("Id", draft.id);
+  animation->SetAttribute("Name", draft.name.c_str());
+  animation->SetAttribute("Categories", categories.c_str());
+  addSide(*animation, "Left", draft.left);
+  addSide(*animation, "Right", draft.right);
+  CataloguePrinter printer;
+  animation->Accept(&printer);
+  // The printer puts a line break and indent before every element, the first included.
+  std::string text = printer.CStr();
+  text.erase(0, text.find('<'));
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  return "  " + text + "\n";
 }
 
 std::string spliceAnimation(const std::string& text, const std::string& replaces,
