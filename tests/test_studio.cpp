@@ -191,6 +191,14 @@ TEST_F(StudioTest, SteppingToTheLastFrameShowsWhatPlayingDrew) {
   EXPECT_EQ(pose(EyeControl::Right_Eye), playedRight);
   EXPECT_EQ(LcdControl::lastFrame(1), playedFrame);
   EXPECT_EQ(get("/api/state")["stepFrame"], frames - 1);
+
+  // Looping: resumed from the end, it starts over instead of completing again.
+  post("/api/playback", "loop=1&slowdown=1");
+  post("/api/resume", "");
+  EXPECT_TRUE(heard(waitForState([](const json& s) { return heard(s, "loop", "drift"); }), "loop",
+                    "drift"));
+  post("/api/playback", "loop=0");
+  post("/api/pause", "");
 }
 
 TEST_F(StudioTest, ABrokenCatalogueIsReportedAndTheLoadedOneStays) {
