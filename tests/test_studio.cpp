@@ -155,9 +155,16 @@ TEST_F(StudioTest, BadRequestsAreRefusedWithAReason) {
   EXPECT_EQ(post("/api/preview", json{{"animation", animation}}.dump())->status, 400);
   animation["left"] = {eventJson(-40, 0)};
   EXPECT_EQ(post("/api/preview", json{{"animation", animation}}.dump())->status, 400);
-  auto res = client_.Get("/api/frame?after=many");
-  ASSERT_TRUE(res);
-  EXPECT_EQ(res->status, 400);
+  for (const char* path : {"/api/frame?after=many", "/api/lid?index=99", "/api/lid"}) {
+    auto res = client_.Get(path);
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 400) << path;
+  }
+  // A lid picture is the image itself: 8-bit RGBA, its size in the headers.
+  auto res = client_.Get("/api/lid?index=1");
+  ASSERT_EQ(res->status, 200);
+  EXPECT_EQ(res->body.size(), 4 * std::stoul(res->get_header_value("X-Width")) *
+                                  std::stoul(res->get_header_value("X-Height")));
   EXPECT_TRUE(get("/api/state")["up"].get<bool>());
 }
 

@@ -201,6 +201,29 @@ void addRoutes(httplib::Server& server, Session& s, const Guard& guard) {
                return stateJson(s, after);
              }));
   server.Get("/api/timeline", command([&s](const Request&) { return timelineJson(s); }));
+  // A lid image's first frame as 8-bit RGBA, for its picture beside the lid pickers.
+  server.Get("/api/lid", [&s](const Request& req, Response& res) {
+    try {
+      std::lock_guard<std::mutex> lock(s.commands);
+      const long highest = static_cast<long>(EyeControl::lid_images.size()) - 1;
+      const VContent& image =
+          EyeControl::lid_images[static_cast<size_t>(numberParam(req, "index", 0, highest))]
+              .content;
+      const size_t pixels = static_cast<size_t>(image.width) * image.height;
+      if (image.frames.empty() || image.frames[0].size() != pixels * 4)
+        throw BadRequest{404, "this lid has no picture with alpha"};
+      std::string rgba(image.frames[0].begin(), image.frames[0].end());
+      // Colours are held as 4-bit values; alpha is 8-bit already.
+      for (size_t i = 0; i < rgba.size(); ++i)
+        if (i % 4 != 3) rgba[i] = static_cast<char>(static_cast<uint8_t>(rgba[i]) * 17);
+      res.set_header("X-Width", std::to_string(image.width));
+      res.set_header("X-Height", std::to_string(image.height));
+      res.set_content(std::move(rgba), "application/octet-stream");
+    } catch (const BadRequest& e) {
+      res.status = e.status;
+      res.set_content(json{{"error", e.message}}.dump(), "application/json");
+    }
+  });
   // Long poll: answers as soon as a frame newer than `after` was drawn, or after a second.
   server.Get("/api/frame", [&s](const Request& req, Response& res) {
     uint64_t after = 0;
