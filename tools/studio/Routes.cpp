@@ -133,7 +133,7 @@ json stateJson(const Session& s, uint64_t afterSeq) {
           {"folder", std::filesystem::absolute(s.watch.dir()).lexically_normal().string()},
           {"playing", s.running},
           {"loop", s.loop},
-          {"slowdown", s.slowdown},
+          {"slowdown", s.slowdown.load()},
           {"animation", s.selected ? s.selected->name : ""},
           {"selection", s.selection},
           {"frames", s.timeline.size()},

@@ -3,6 +3,7 @@
 // runs under `commands`, so page requests, the watcher and the player take turns.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -72,7 +73,7 @@ class Session {
   int shownFrame = -1;                  // frame on the eyes, -1 before the first
   bool running = false;
   bool loop = false;
-  int slowdown = 1;  // 1, 2 or 4 frame periods per frame
+  std::atomic<int> slowdown{1};  // 1, 2 or 4 frame periods per frame; the player reads it
 
   std::vector<LogEntry> log;
 

@@ -95,7 +95,7 @@ int Studio::start() {
   studio::addRoutes(s.server, s.session, s.guard);
   s.serverThread = std::thread([&s] { s.server.listen_after_bind(); });
   s.watchThread = s.every([&s] { return s.options.pollInterval; }, [this] { reloadIfChanged(); });
-  s.playerThread = s.every([&s] { return kFramePeriod * s.session.slowdown; },
+  s.playerThread = s.every([&s] { return kFramePeriod * s.session.slowdown.load(); },
                            [&s] {
                              std::lock_guard<std::mutex> lock(s.session.commands);
                              s.session.tick();
