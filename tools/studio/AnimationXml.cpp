@@ -2,7 +2,9 @@
 
 #include <tinyxml2.h>
 
+#include <cctype>
 #include <cstdio>
+#include <cstdlib>
 
 #include "EyeAnimation.h"
 #include "LoadEyeAnimations.h"

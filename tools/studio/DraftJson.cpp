@@ -1,5 +1,7 @@
 #include "DraftJson.h"
 
+#include <iterator>
+
 #include "EyeControl.h"
 #include "Session.h"
 

@@ -1,5 +1,6 @@
 #include "Routes.h"
 
+#include <algorithm>
 #include <charconv>
 #include <filesystem>
 #include <nlohmann/json.hpp>
