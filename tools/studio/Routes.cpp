@@ -268,10 +268,6 @@ void addRoutes(httplib::Server& server, Session& s, const Guard& guard) {
                 s.save(replaces, draftFromJson(body.value("animation", json())));
                 return json{{"saved", true}, {"generation", s.generation}};
               }));
-  server.Post("/api/abort", command([&s](const Request&) {
-                if (s.selected) s.pause();
-                return json::object();
-              }));
   server.Post("/api/pause", command([&s](const Request&) {
                 s.pause();
                 return json{{"stepFrame", s.shownFrame}};
