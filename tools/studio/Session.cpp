@@ -84,6 +84,12 @@ void Session::reload() {
   } else {
     EyeControl::loadEyeFilesFrom(watch.dir());
     repointLids();
+    // The rest pose's lids must still be in the catalogue.
+    const size_t lids = EyeControl::lid_images.size();
+    for (auto& r : rest_) {
+      r.top = r.top < lids ? r.top : 0;
+      r.bottom = r.bottom < lids ? r.bottom : static_cast<unsigned short>(lids > 1);
+    }
     showIris(irisShape, irisStyle);
     showBackground(backgroundType, backgroundStyle);
   }
@@ -131,10 +137,6 @@ void Session::repointLids() {
   }
   EyeControl::setLid(top[0], bottom[0], EyeSide::LEFT);
   EyeControl::setLid(top[1], bottom[1], EyeSide::RIGHT);
-  for (auto& r : rest_) {
-    r.top = r.top < lids ? r.top : 0;
-    r.bottom = r.bottom < lids ? r.bottom : static_cast<unsigned short>(lids > 1);
-  }
 }
 
 // Reads the catalogue's iris (background) anew and shows it on both eyes; false when
