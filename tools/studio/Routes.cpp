@@ -184,6 +184,7 @@ void addRoutes(httplib::Server& server, Session& s, const Guard& guard) {
     return [&s, handler](const Request& req, Response& res) {
       try {
         std::lock_guard<std::mutex> lock(s.commands);
+        s.saveFindings.clear();
         res.set_content(handler(req).dump(), "application/json");
       } catch (const BadRequest& e) {
         res.status = e.status;

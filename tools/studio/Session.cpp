@@ -260,7 +260,6 @@ void Session::tick() {
 }
 
 void Session::save(const std::string& replaces, const AnimationDraft& draft) {
-  saveFindings.clear();
   if (draft.name.empty()) throw BadRequest{400, "the animation needs a name"};
   const fs::path file = fs::path(watch.dir()) / kAnimations;
   const std::string text = readFile(file);

@@ -63,7 +63,7 @@ class Session {
   CatalogueWatch watch;
   std::shared_ptr<FrameHub> hub;
   std::vector<Finding> findings;
-  std::vector<Finding> saveFindings;
+  std::vector<Finding> saveFindings;  // of the refused save in this command
   uint64_t generation = 0;
   std::string irisShape, irisStyle, backgroundType, backgroundStyle;
 
