@@ -305,6 +305,14 @@ TEST_F(StudioTest, SavingWritesOnlyItsAnimationAndKeepsABackup) {
   EXPECT_EQ(renamed.find("\"wave\""), std::string::npos);
   EXPECT_EQ(renamed.substr(0, listEnd), before.substr(0, listEnd));
   EXPECT_EQ(renamed.substr(at, 33), "  <Animation Id=\"7\" Name=\"wave_2\"");
+
+  // A file the checker refuses is not written, and the answer says why.
+  write("eyeanimations.xml", catalogue("drift"));  // the name twice
+  draft["name"] = "wave_3";
+  res = post("/api/save", json{{"animation", draft}}.dump());
+  EXPECT_EQ(res->status, 422);
+  EXPECT_FALSE(json::parse(res->body)["findings"].empty()) << res->body;
+  EXPECT_EQ(readFile(file), catalogue("drift"));
 }
 
 }  // namespace
