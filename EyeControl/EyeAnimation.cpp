@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "catalogue/CatalogueRules.h"
+
 EyeAnimation::EyeAnimation(uint16_t id, std::string name)
     : id(id), name(std::move(name)), state(AnimationState::IDLE) {}
 
@@ -20,16 +22,7 @@ void EyeAnimation::ClearAnimation() {
 }
 
 EyeAnimationCategory EyeAnimation::getCategory(std::string name) {
-  if (name == "EYEANIMATION_ANGER") return EYEANIMATION_ANGER;
-  if (name == "EYEANIMATION_MISC") return EYEANIMATION_MISC;
-  if (name == "EYEANIMATION_CONFUSION") return EYEANIMATION_CONFUSION;
-  if (name == "EYEANIMATION_SPECIAL") return EYEANIMATION_SPECIAL;
-  if (name == "EYEANIMATION_DEPRESSION") return EYEANIMATION_DEPRESSION;
-  if (name == "EYEANIMATION_FEAR") return EYEANIMATION_FEAR;
-  if (name == "EYEANIMATION_HAPPINESS") return EYEANIMATION_HAPPINESS;
-  if (name == "EYEANIMATION_HURT") return EYEANIMATION_HURT;
-  if (name == "EYEANIMATION_IDLE") return EYEANIMATION_IDLE;
-  if (name == "EYEANIMATION_INTERNAL") return EYEANIMATION_INTERNAL;
-  if (name == "EYEANIMATION_USER_DEFINED") return EYEANIMATION_USER_DEFINED;
-  return EYEANIMATION_NONE;
+  const std::string prefix = catalogue::kCategoryPrefix;
+  if (name.compare(0, prefix.size(), prefix) != 0) return EYEANIMATION_NONE;
+  return catalogue::categoryFromName(name.substr(prefix.size())).value_or(EYEANIMATION_NONE);
 }

@@ -12,6 +12,7 @@
 #include "Helper.h"
 #include "LcdControl.h"
 #include "LoadEyeAnimations.h"
+#include "catalogue/CatalogueRules.h"
 
 // Built in this order; the eyes hold raw pointers into the image records below,
 // which therefore never move.
@@ -31,9 +32,6 @@ std::atomic<bool> EyeControl::is_active{false};
 std::mutex EyeControl::mutex_eye_conrol;
 
 namespace {
-
-constexpr const char* kCatalogueFiles[] = {"eyeanimations.xml", "background_type.xml", "eyelid.xml",
-                                           "iris_type.xml"};
 
 // First group of the catalogue with the given shape; later groups of the same
 // shape are never looked at.
@@ -180,8 +178,8 @@ int8_t EyeControl::loadEyeFilesFrom(const std::string& dir) {
   // The eyelid reader already loads images, so relative paths must resolve first.
   VContent::setBaseDirectory(base);
 
-  for (size_t file = 0; file < std::size(kCatalogueFiles); ++file) {
-    const std::string path = base + kCatalogueFiles[file];
+  for (const catalogue::CatalogueFile file : catalogue::kLoadOrder) {
+    const std::string path = base + catalogue::fileName(file);
     if (Helper::getPathInfo(path.c_str()) == 0) {
       spdlog::error("File:{} NOT EXIST !", path);
       return -1;
@@ -189,16 +187,16 @@ int8_t EyeControl::loadEyeFilesFrom(const std::string& dir) {
     // Each catalogue is replaced as soon as it is read; a later missing file
     // leaves the earlier ones loaded.
     switch (file) {
-      case 0:
+      case catalogue::CatalogueFile::Animations:
         eye_animations = LoadEyeAnimations::get_Animations(path.c_str());
         break;
-      case 1:
+      case catalogue::CatalogueFile::Backgrounds:
         background_types = getBackgroundTypes(path.c_str());
         break;
-      case 2:
+      case catalogue::CatalogueFile::Eyelids:
         lid_images = get_LidImages(path.c_str());
         break;
-      default:
+      case catalogue::CatalogueFile::Irises:
         iris_types = getIrisTypes(path.c_str());
         break;
     }

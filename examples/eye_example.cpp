@@ -14,8 +14,10 @@
 #include <memory>
 #include <mutex>
 
+// Both forms of include work against the installed package and the .pc file.
+#include <EyeControl/EyeControl.h>
+
 #include "BlockEye.h"
-#include "EyeControl.h"
 #include "EyeEvent.h"
 #include "EyeEventListener.h"
 #include "LcdControl.h"

@@ -11,6 +11,7 @@
 #include "EyeTestSupport.h"
 #include "Helper.h"
 #include "LoadEyeAnimations.h"
+#include "catalogue/CatalogueRules.h"
 
 namespace {
 
@@ -391,6 +392,22 @@ TEST(AnimationCategories, ShortNamesGetThePrefixAndMustMatchExactly) {
       LoadEyeAnimations::getEyeAnimationCategories(std::vector<std::string>(255, "HURT"));
   ASSERT_EQ(many.size(), 255u);
   EXPECT_EQ(many.back(), EYEANIMATION_HURT);
+}
+
+// What a writer emits through the rules, the readers give back unchanged.
+TEST(CatalogueRules, WrittenValuesReadBackAsTheyWere) {
+  using namespace catalogue;
+  for (float v : {0.1f, 1.0f, 1.35f, -2.5f, 0.001f, 123456.7f, 555.0f})
+    EXPECT_EQ(static_cast<float>(std::strtod(formatDecimal(v).c_str(), nullptr)), v) << v;
+  for (long v : {0L, 8L, -90L, 32767L, -32768L})
+    EXPECT_EQ(readBase0(formatInteger(v).c_str(), 16, true).stored, v) << v;
+  const Base0Reading octal = readBase0("010", 16, true);
+  EXPECT_TRUE(octal.octal && octal.fits);
+  EXPECT_EQ(octal.stored, 8);
+  const std::vector<EyeAnimationCategory> categories = {EYEANIMATION_HURT, EYEANIMATION_MISC};
+  EXPECT_EQ(
+      LoadEyeAnimations::getEyeAnimationCategories(splitCategories(joinCategories(categories))),
+      categories);
 }
 
 }  // namespace

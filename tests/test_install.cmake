@@ -1,6 +1,7 @@
-# Installs the build into a fresh prefix, checks what lands there, then builds the
-# example application against it twice (CMake package, pkg-config) and runs it on the
-# installed example eye set. Run by ctest:
+# Installs the build into a fresh prefix, checks what lands there, builds the example
+# application against it twice (CMake package EyeControl::EyeControl, pkg-config; both
+# include forms) and runs it on the installed example eye set, then runs the installed
+# eyes tool, which must find its libraries and the eye set from the prefix. Run by ctest:
 #   cmake -DBUILD_DIR=... -DSOURCE_DIR=... -DWORK_DIR=... [-DEXAMPLE_ARGS=...]
 #         [-DEMULATOR=...] -P test_install.cmake
 cmake_minimum_required(VERSION 3.25)
@@ -15,6 +16,7 @@ endfunction()
 
 string(REPLACE "|" ";" EXAMPLE_ARGS "${EXAMPLE_ARGS}")
 set(prefix ${WORK_DIR}/prefix)
+
 file(REMOVE_RECURSE ${WORK_DIR})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
@@ -52,4 +54,18 @@ foreach(mode OFF ON)
   endforeach()
   message(STATUS "example built (pkg-config ${mode}) and ran:\n${run_output}")
 endforeach()
+
+# Where the tool was built (a cross build may go without it).
+if(EXISTS ${prefix}/bin/eyes)
+  run(${EMULATOR} ${prefix}/bin/eyes --version)
+  if(NOT run_output MATCHES "^eyes [0-9]+\\.[0-9]+")
+    message(FATAL_ERROR "eyes --version printed: ${run_output}")
+  endif()
+  run(${EMULATOR} ${prefix}/bin/eyes info)
+  string(FIND "${run_output}" "share/EyeControl/examples/eye" at)
+  if(at LESS 0 OR NOT run_output MATCHES "Irises:")
+    message(FATAL_ERROR "installed eyes info did not summarise the installed eye set:\n${run_output}")
+  endif()
+  message(STATUS "installed eyes ran from the prefix")
+endif()
 file(REMOVE_RECURSE ${WORK_DIR})

@@ -11,9 +11,9 @@
 #include <typeinfo>
 
 #include "EyeControl.h"
-#include "Helper.h"
 #include "LoadEyeAnimations.h"
 #include "VContent.h"
+#include "catalogue/CatalogueRules.h"
 #ifdef EYE_FUZZ_LINT
 #include "lint.h"
 #endif
@@ -98,40 +98,45 @@ void stepTracks(EyeAnimation& animation) {
   }
 }
 
-// A category list of 256 names or more never finishes reading: the format's own
-// limit, not a finding.
+// A category list longer than the format allows never finishes reading: the format's
+// own limit, not a finding.
 bool tooManyCategories(const std::string& path) {
+  using namespace catalogue;
   tinyxml2::XMLDocument doc;
   if (doc.LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) return false;
-  const tinyxml2::XMLElement* list = doc.FirstChildElement("List");
-  if (list == nullptr) return false;
-  for (const auto* a = list->FirstChildElement("Animation"); a != nullptr;
-       a = a->NextSiblingElement()) {
-    const char* categories = a->Attribute("Categories");
-    if (categories != nullptr && Helper::split(categories, ',').size() > 255) return true;
-  }
-  return false;
+  bool tooMany = false;
+  forEachEntry(doc.FirstChildElement(kRootElement), animationRule().element,
+               [&](const tinyxml2::XMLElement* a) {
+                 const char* categories = a->Attribute("Categories");
+                 tooMany |=
+                     categories != nullptr && splitCategories(categories).size() > kMaxCategories;
+               });
+  return tooMany;
+}
+
+std::string scratchFile(catalogue::CatalogueFile file, const uint8_t* data, size_t size) {
+  return scratch().write(catalogue::fileName(file), data, size);
 }
 
 void irisCatalogue(const uint8_t* data, size_t size) {
-  const std::string path = scratch().write("iris_type.xml", data, size);
+  const std::string path = scratchFile(catalogue::CatalogueFile::Irises, data, size);
   expectOnlyMissingAttribute([&] { EyeControl::getIrisTypes(path.c_str()); });
 }
 
 void backgroundCatalogue(const uint8_t* data, size_t size) {
-  const std::string path = scratch().write("background_type.xml", data, size);
+  const std::string path = scratchFile(catalogue::CatalogueFile::Backgrounds, data, size);
   expectOnlyMissingAttribute([&] { EyeControl::getBackgroundTypes(path.c_str()); });
 }
 
 void eyelidCatalogue(const uint8_t* data, size_t size) {
-  const std::string path = scratch().write("eyelid.xml", data, size);
+  const std::string path = scratchFile(catalogue::CatalogueFile::Eyelids, data, size);
   expectOnlyMissingAttribute([&] {
     for (const EyeLidPart& lid : EyeControl::get_LidImages(path.c_str())) checkImage(lid.content);
   });
 }
 
 void animationCatalogue(const uint8_t* data, size_t size) {
-  const std::string path = scratch().write("eyeanimations.xml", data, size);
+  const std::string path = scratchFile(catalogue::CatalogueFile::Animations, data, size);
   if (tooManyCategories(path)) return;
   expectOnlyMissingAttribute([&] {
     for (const auto& animation : LoadEyeAnimations::get_Animations(path.c_str()))
@@ -158,9 +163,9 @@ void pngImage(const uint8_t* data, size_t size) {
 // The catalogue checker on a directory whose four catalogues all hold the input: every
 // reader of the checker sees it, and no input may make the checker throw or crash.
 void lintCatalogues(const uint8_t* data, size_t size) {
-  for (const char* name : {"iris_type.xml", "background_type.xml", "eyelid.xml"})
-    scratch().write(name, data, size);
-  const std::string path = scratch().write("eyeanimations.xml", data, size);
+  std::string path;
+  for (const catalogue::CatalogueFile file : catalogue::kLoadOrder)
+    path = scratchFile(file, data, size);
   eyes::lintCatalogues(std::filesystem::path(path).parent_path().string());
 }
 #endif

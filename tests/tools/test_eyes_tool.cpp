@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -106,7 +107,13 @@ struct BrokenCase {
   int line;
   eyes::Severity severity;
   std::string fragment;
+  std::function<void(const fs::path&)> prepare = nullptr;  // breaks an image of the copy
 };
+
+// Keeps the first half of a file, as an interrupted copy would.
+void cutInHalf(const fs::path& file) {
+  fs::resize_file(file, fs::file_size(file) / 2);
+}
 
 TEST(EyesLint, FindsEachProblemOnItsLine) {
   using eyes::Severity;
@@ -147,9 +154,28 @@ TEST(EyesLint, FindsEachProblemOnItsLine) {
        "</Iris_Type>\n</List>\n",
        3, E, "does not exist"},
       {"iris_type.xml",
-       "<List>\n<Iris_Type name=\"CLASSIC\">\n<Iris style=\"A\" left=\"iris_type.xml\"/>\n"
+       "<List>\n<Iris_Type name=\"CLASSIC\">\n<Iris style=\"A\" left=\"iris_type.xml\" "
+       "right=\"iris_type.xml\"/>\n</Iris_Type>\n</List>\n",
+       3, E, "Not a PNG"},
+      {"iris_type.xml", iris + "</List>\n", 3, E, "cut short",
+       [](const fs::path& d) { cutInHalf(d / kIrisImage); }},
+      {"iris_type.xml",
+       "<List>\n<Iris_Type name=\"CLASSIC\">\n<Iris style=\"A\" left=\"big.png\"/>\n"
        "</Iris_Type>\n</List>\n",
-       3, E, "not a PNG"},
+       3, E, "image too large",
+       [](const fs::path& d) {
+         fs::copy_file(EYE_TEST_SOURCE_DIR "/fuzz/regressions/png/header-4097x4096.png",
+                       d / "big.png");
+       }},
+      {"eyelid.xml", lids + "</Images>\n<Animations/>\n</List>\n", 3, E, "cut short",
+       [](const fs::path& d) { cutInHalf(d / "images/eyelid/neutral_top.png"); }},
+      {"iris_type.xml",
+       "<List>\n<Iris_Type name=\"CLASSIC\">\n<Iris style=\"A\" ofsetX=\"3\" left=\"" + kIrisImage +
+           "\"/>\n</Iris_Type>\n</List>\n",
+       3, W, "ofsetX is ignored; did you mean offsetX?"},
+      {"eyeanimations.xml", animations(kAnimation, "Left", "TimeMs -80"), 4, W, "negative"},
+      {"eyeanimations.xml", animations(kAnimation, "Left", "ScaleY 0"), 4, W, "not above 0"},
+      {"eyeanimations.xml", animations(kAnimation, "Left", "X 5000"), 4, W, "far off"},
       {"background_type.xml",
        colors + "<Background_Type name=\"IMAGE\">\n<Background style=\"B\" left=\"" + kIrisImage +
            "\"/>\n</Background_Type>\n</List>\n",
@@ -157,7 +183,7 @@ TEST(EyesLint, FindsEachProblemOnItsLine) {
       {"eyelid.xml",
        lids + "<Data name=\"b\" id=\"1\" path=\"" + kIrisImage +
            "\"/>\n</Images>\n<Animations/>\n</List>\n",
-       4, E, "must be 240 x any height"},
+       4, E, "must be 240 wide"},
       {"eyelid.xml",
        lids + "<Data name=\"b\" id=\"0\" path=\"images/eyelid/neutral_top.png\"/>\n</Images>\n"
               "<Animations/>\n</List>\n",
@@ -192,14 +218,15 @@ TEST(EyesLint, FindsEachProblemOnItsLine) {
     SCOPED_TRACE(c.file + ": " + c.fragment);
     CatalogueCopy dir;
     dir.write(c.file, c.content);
+    if (c.prepare) c.prepare(dir.path());
     const auto findings = eyes::lintCatalogues(dir.path().string());
-    bool found = false;
+    int found = 0;  // each problem is reported once, however often the file names it
     for (const auto& f : findings)
-      found |= fs::path(f.file).filename() == c.file && f.line == c.line &&
+      found += fs::path(f.file).filename() == c.file && f.line == c.line &&
                f.severity == c.severity && f.message.find(c.fragment) != std::string::npos;
     std::string all;
     for (const auto& f : findings) all += eyes::formatFinding(f) + "\n";
-    EXPECT_TRUE(found) << all;
+    EXPECT_EQ(found, 1) << all;
   }
 }
 
@@ -209,9 +236,16 @@ TEST(EyesLint, BundledSetIsClean) {
   EXPECT_EQ(all, "");
 }
 
-int run(const std::string& arguments) {
-  const int status =
-      std::system((std::string(EYES_TOOL) + " " + arguments + " >/dev/null 2>&1").c_str());
+// The tool's exit status; what it wrote on stderr goes to `errors` when given.
+int run(const std::string& arguments, std::string* errors = nullptr) {
+  TempDir scratch;
+  const std::string errorFile = (scratch.path() / "stderr").string();
+  const int status = std::system(
+      (std::string(EYES_TOOL) + " " + arguments + " >/dev/null 2>" + errorFile).c_str());
+  if (errors) {
+    std::ifstream in(errorFile);
+    errors->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
@@ -222,8 +256,10 @@ TEST(EyesProgram, ExitStatuses) {
     EXPECT_EQ(run(std::string(command) + " --help"), 0);
   EXPECT_EQ(run(""), 2);
   EXPECT_EQ(run("frobnicate"), 2);
-  EXPECT_EQ(run("lint"), 2);
+  EXPECT_EQ(run("--version"), 0);
+  EXPECT_EQ(run("lint --config /nonexistent"), 2);
   EXPECT_EQ(run("lint /nonexistent"), 2);
+  EXPECT_EQ(run("lint " + bundled + " --config " + bundled), 2);
   EXPECT_EQ(run("lint " + bundled), 0);
   EXPECT_EQ(run("info " + bundled), 0);
   EXPECT_EQ(run("render --config " + bundled + " --animation no_such_one"), 2);
@@ -235,8 +271,48 @@ TEST(EyesProgram, ExitStatuses) {
   CatalogueCopy broken;
   broken.write("eyeanimations.xml", animations(kAnimation, "Right", "TimeMs 100 TopLidIndex 9"));
   EXPECT_EQ(run("lint " + broken.path().string()), 1);
+  TempDir out;
+  EXPECT_EQ(run("info --config " + broken.path().string()), 1);
+  EXPECT_EQ(run("demo --config " + broken.path().string() + " --out " + out.str()), 1);
+  const std::string blink = "render --config " + bundled + " --animation blink --out ";
+  for (const char* refused : {"x.gif", "x.webp --every 2", "x.webp --background COLOR:FOO"})
+    EXPECT_EQ(run(blink + out.str() + refused), 2) << refused;
+  // A frame directory takes only our own frames, and loses those of the last rendering.
+  out.write("frames/frame_0099.png", "");
+  EXPECT_EQ(run(blink + out.str() + "frames"), 0);
+  EXPECT_FALSE(fs::exists(out.path() / "frames/frame_0099.png"));
+  out.write("frames/notes.txt", "");
+  EXPECT_EQ(run(blink + out.str() + "frames"), 2);
   broken.write("eyeanimations.xml", animations(kAnimation, "Right", "TimeMs 100"));
   EXPECT_EQ(run("lint " + broken.path().string()), 0) << "warnings alone pass";
+}
+
+// A catalogue lint passes renders as it is, the start-up default or not: no library
+// error on the way, and the fallback said once.
+TEST(EyesProgram, WhatLintPassesRendersWithoutALibraryError) {
+  CatalogueCopy withoutDefault, withWarnings;
+  std::ifstream in(withoutDefault.path() / "iris_type.xml");
+  std::string irises((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  irises.replace(irises.find("style=\"BLUE\""), 12, "style=\"AZURE\"");
+  withoutDefault.write("iris_type.xml", irises);
+  withoutDefault.write("eyeanimations.xml", animations(kAnimation));
+  withWarnings.write("eyeanimations.xml", animations(kAnimation, "Left", "TimeMs -80 ScaleY 0"));
+  TempDir out;
+  for (const CatalogueCopy* dir : {&withoutDefault, &withWarnings}) {
+    const std::string config = " --config " + dir->path().string();
+    std::string errors;
+    ASSERT_EQ(run("lint" + config, &errors), 0) << errors;
+    const std::string sheet = (out.path() / "sheet.png").string();
+    EXPECT_EQ(run("render" + config + " --animation a --out " + sheet, &errors), 0);
+    EXPECT_EQ(errors.find("error"), std::string::npos) << errors;
+  }
+  std::string errors;
+  EXPECT_EQ(run("demo --config " + withoutDefault.path().string() + " --out " +
+                    (out.path() / "demo").string(),
+                &errors),
+            0);
+  EXPECT_EQ(errors, "eyes: warning: no iris CLASSIC:BLUE in " + withoutDefault.path().string() +
+                        "; showing CLASSIC:BLACK\n");
 }
 
 // Sum of the frame durations of an animated WebP (RIFF chunks "ANMF").

@@ -11,6 +11,11 @@ constexpr int kExitOk = 0;
 constexpr int kExitProblems = 1;
 constexpr int kExitUsage = 2;
 
+// What demo, render and info say before their work when `dir`'s catalogues have errors:
+// each error on stderr and how to see them all. True when there were errors, and
+// the command then ends with kExitProblems.
+bool reportCatalogueErrors(const char* command, const std::string& dir);
+
 struct RenderRequest {
   std::string configDir;
   std::string animation;
@@ -23,7 +28,13 @@ struct RenderRequest {
 };
 
 int runRender(const RenderRequest& request);
-int runDemo(const std::string& configDir, const std::string& outDir);
+struct DemoRequest {
+  std::string configDir;
+  std::string out = "eye-demo";
+  std::string iris;  // as for render; empty: the settings' default
+  std::string background;
+};
+int runDemo(const DemoRequest& request);
 int runLint(const std::string& dir);
 int runInfo(const std::string& dir);
 
@@ -33,7 +44,8 @@ constexpr int kMaxIdleSeconds = 30;
 constexpr int kDemoIdleSeconds = 10;
 constexpr uint64_t kDemoIdleSeed = 1;
 
-// The directory of the bundled eye set, as built next to this program.
+// The directory of the eye set installed beside this program, else the one built
+// with it.
 std::string bundledConfigDir();
 
 }  // namespace eyes

@@ -97,7 +97,7 @@ std::string durationText(size_t frames) {
 }
 
 bool writeIndex(const fs::path& path, const std::string& configDir, const Rendered& idle,
-                const std::vector<Rendered>& all) {
+                const std::vector<Rendered>& all, bool broken) {
   std::map<int, std::vector<const Rendered*>> byCategory;
   for (const Rendered& r : all) {
     std::set<int> seen;
@@ -111,9 +111,16 @@ bool writeIndex(const fs::path& path, const std::string& configDir, const Render
          "<style>body{background:#15151a;color:#ddd;font-family:sans-serif;margin:2em}"
          "h2{border-bottom:1px solid #444;margin-top:2em}figure{display:inline-block;margin:.5em;"
          "vertical-align:top}img{width:280px;height:140px;display:block}figcaption{font-size:.85em;"
-         "margin-top:.3em}a{color:#9cf}.meta{color:#888}</style></head><body>\n"
-      << "<h1>Eye animations</h1>\n<p class=\"meta\">" << all.size() << " animations from "
-      << escapeHtml(configDir) << ", both eyes as the panels show them (left eye on the left). "
+         "margin-top:.3em}a{color:#9cf}.meta{color:#888}"
+         ".broken{background:#5a1d1d;color:#fdd;padding:.6em;border-radius:4px}</style></"
+         "head><body>\n"
+      << "<h1>Eye animations</h1>\n"
+      << (broken ? "<p class=\"broken\">The catalogues have errors: what you see is not what they "
+                   "say. Run <code>eyes lint --config " +
+                       escapeHtml(configDir) + "</code> to see them.</p>\n"
+                 : "")
+      << "<p class=\"meta\">" << all.size() << " animations from " << escapeHtml(configDir)
+      << ", both eyes as the panels show them (left eye on the left). "
       << "Click an animation for all its frames.</p>\n"
       << "<h2>Idle life</h2>\n"
       << figure(idle, "seed " + std::to_string(kDemoIdleSeed) + ", " + durationText(idle.frames) +
@@ -129,7 +136,9 @@ bool writeIndex(const fs::path& path, const std::string& configDir, const Render
 
 }  // namespace
 
-int runDemo(const std::string& configDir, const std::string& outDir) {
+int runDemo(const DemoRequest& request) {
+  const std::string& configDir = request.configDir;
+  const std::string& outDir = request.out;
   const auto start = std::chrono::steady_clock::now();
   if (configDir.empty() || !fs::is_directory(configDir)) {
     std::fprintf(stderr, "eyes demo: no catalogue directory \"%s\"\n", configDir.c_str());
@@ -141,9 +150,10 @@ int runDemo(const std::string& configDir, const std::string& outDir) {
     std::fprintf(stderr, "eyes demo: cannot create %s: %s\n", outDir.c_str(), ec.message().c_str());
     return kExitUsage;
   }
-  if (const BringUp up = bringUpEyes(configDir); !up.ok()) {
+  const bool broken = reportCatalogueErrors("eyes demo", configDir);
+  if (const BringUp up = bringUpEyes(configDir, request.iris, request.background); !up.ok()) {
     std::fprintf(stderr, "eyes demo: %s\n", up.problem.c_str());
-    return kExitProblems;
+    return up.badArgument ? kExitUsage : kExitProblems;
   }
 
   std::printf("eyes up from %s: %zu animations\n", configDir.c_str(),
@@ -194,7 +204,7 @@ int runDemo(const std::string& configDir, const std::string& outDir) {
     return kExitUsage;
   }
   const fs::path index = fs::absolute(fs::path(outDir) / "index.html");
-  if (!writeIndex(index, configDir, idle, rendered)) {
+  if (!writeIndex(index, configDir, idle, rendered, broken)) {
     std::fprintf(stderr, "eyes demo: cannot write %s\n", index.c_str());
     return kExitUsage;
   }
@@ -202,7 +212,9 @@ int runDemo(const std::string& configDir, const std::string& outDir) {
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   std::printf("%zu animations rendered in %.1f s\nOpen file://%s in a browser to see them.\n",
               rendered.size(), seconds, index.c_str());
-  return kExitOk;
+  if (broken)
+    std::fprintf(stderr, "eyes demo: rendered, but the catalogues have errors (see above)\n");
+  return broken ? kExitProblems : kExitOk;
 }
 
 }  // namespace eyes

@@ -1,9 +1,13 @@
 // Checks a catalogue directory for everything that would make the eyes start badly,
-// play differently from what the file seems to say, or not start at all.
+// play differently from what the file seems to say, or not start at all. How entries
+// and numbers are read comes from catalogue/CatalogueRules; images are decoded by the
+// library's own loader.
 #pragma once
 
 #include <string>
 #include <vector>
+
+#include "catalogue/CatalogueRules.h"
 
 namespace eyes {
 
@@ -25,8 +29,8 @@ std::string formatFinding(const Finding& finding);
 
 bool hasErrors(const std::vector<Finding>& findings);
 
-// The catalogue's short name of an animation category ("ANGER", ...), "NONE" for
-// none or an unknown value.
-const char* categoryName(int category);
+inline std::string categoryName(int category) {
+  return catalogue::categoryName(category);
+}
 
 }  // namespace eyes

@@ -4,17 +4,20 @@
 #include <webp/mux.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <tuple>
 
 #include "EyeControl.h"
 #include "EyeIdle.h"
-#include "Helper.h"
 #include "LcdControl.h"
+#include "catalogue/CatalogueRules.h"
+#include "look.h"
 
 namespace fs = std::filesystem;
 
@@ -75,16 +78,29 @@ struct EyeRest {
 
 std::optional<std::array<EyeRest, 2>> restPose;
 
-// "NAME:STYLE" -> (value of NAME among `count` names, STYLE).
-template <typename Enum, typename NameOf>
-std::optional<std::pair<Enum, std::string>> parseChoice(const std::string& text, int count,
-                                                        NameOf nameOf) {
+// "NAME:STYLE" -> (value of NAME in `names`, STYLE).
+template <typename Enum>
+std::optional<std::pair<Enum, std::string>> parseChoice(const std::string& text,
+                                                        const std::vector<std::string>& names) {
   const auto colon = text.find(':');
   if (colon == std::string::npos) return std::nullopt;
-  for (int v = 0; v < count; ++v)
-    if (nameOf(static_cast<Enum>(v)) == text.substr(0, colon))
+  for (size_t v = 0; v < names.size(); ++v)
+    if (names[v] == text.substr(0, colon))
       return std::make_pair(static_cast<Enum>(v), text.substr(colon + 1));
   return std::nullopt;
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text += (text.empty() ? "" : ", ") + name;
+  return text;
+}
+
+std::vector<std::string> colorNames() {
+  std::vector<std::string> names;
+  for (int c = 0; c < static_cast<int>(ColorCode::COUNT); ++c)
+    names.push_back(Color::getColorName(static_cast<ColorCode>(c)));
+  return names;
 }
 
 void copyPanel(const std::vector<uint8_t>& packed, Picture& picture, int left, int top) {
@@ -109,6 +125,50 @@ Picture halve(const Picture& in) {
             static_cast<uint8_t>((at(0, 0) + at(1, 0) + at(0, 1) + at(1, 1) + 2) / 4);
       }
   return out;
+}
+
+// A 3 x 5 pixel font for frame labels: rows top to bottom, bit 2 the left column.
+uint8_t glyphRow(char c, int row) {
+  static const char* const kDigits[10][5] = {
+      {"111", "101", "101", "101", "111"}, {"010", "110", "010", "010", "111"},
+      {"111", "001", "111", "100", "111"}, {"111", "001", "111", "001", "111"},
+      {"101", "101", "111", "001", "001"}, {"111", "100", "111", "001", "111"},
+      {"111", "100", "111", "101", "111"}, {"111", "001", "001", "001", "001"},
+      {"111", "101", "111", "101", "111"}, {"111", "101", "111", "001", "111"}};
+  static const char* const kHash[5] = {"101", "111", "101", "111", "101"};
+  static const char* const kDot[5] = {"000", "000", "000", "000", "010"};
+  static const char* const kS[5] = {"000", "011", "100", "001", "110"};
+  const char* const* glyph = nullptr;
+  if (std::isdigit(static_cast<unsigned char>(c))) glyph = kDigits[c - '0'];
+  if (c == '#') glyph = kHash;
+  if (c == '.') glyph = kDot;
+  if (c == 's') glyph = kS;
+  if (glyph == nullptr) return 0;
+  return static_cast<uint8_t>((glyph[row][0] == '1') << 2 | (glyph[row][1] == '1') << 1 |
+                              (glyph[row][2] == '1'));
+}
+
+// Light text on a dark box at the picture's top left.
+void label(Picture& picture, const std::string& text) {
+  constexpr int kScale = 2, kPad = 2, kAdvance = 4 * kScale;
+  const int boxW = std::min(picture.width, static_cast<int>(text.size()) * kAdvance + 2 * kPad);
+  const int boxH = std::min(picture.height, 5 * kScale + 2 * kPad);
+  auto pixel = [&](int x, int y) {
+    return &picture.rgb[(static_cast<size_t>(y) * picture.width + x) * 3];
+  };
+  for (int y = 0; y < boxH; ++y)
+    for (int x = 0; x < boxW; ++x) std::fill_n(pixel(x, y), 3, uint8_t{0});
+  for (size_t i = 0; i < text.size(); ++i)
+    for (int row = 0; row < 5; ++row)
+      for (int column = 0; column < 3; ++column) {
+        if (!(glyphRow(text[i], row) >> (2 - column) & 1)) continue;
+        for (int dy = 0; dy < kScale; ++dy)
+          for (int dx = 0; dx < kScale; ++dx) {
+            const int x = kPad + static_cast<int>(i) * kAdvance + column * kScale + dx;
+            const int y = kPad + row * kScale + dy;
+            if (x < picture.width && y < picture.height) std::fill_n(pixel(x, y), 3, uint8_t{230});
+          }
+      }
 }
 
 bool writePicture(const std::string& path, const Picture& picture, std::string& error) {
@@ -144,29 +204,34 @@ void holdFrames(std::vector<Frame>& frames, size_t count) {
 
 BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
                     const std::string& background) {
-  const Settings& settings = Helper::getSettings();
-  auto irisChoice =
-      std::make_pair(static_cast<IrisShape>(settings.defaultIrisShape), settings.defaultIrisStyle);
-  auto backgroundChoice = std::make_pair(
-      static_cast<EyeContentType>(settings.defaultBackgroundType), settings.defaultBackgroundStyle);
+  Look wanted = settingsLook();
   if (!iris.empty()) {
-    auto parsed = parseChoice<IrisShape>(iris, 12, IrisType::getName);
+    auto parsed = parseChoice<IrisShape>(iris, catalogue::irisShapeNames());
     if (!parsed)
-      return {"--iris wants SHAPE:STYLE with a shape such as CLASSIC, got \"" + iris + "\"", true};
-    irisChoice = *parsed;
+      return {"--iris wants SHAPE:STYLE with SHAPE one of " + joined(catalogue::irisShapeNames()) +
+                  ", got \"" + iris + "\"",
+              true};
+    std::tie(wanted.irisShape, wanted.irisStyle) = *parsed;
   }
   if (!background.empty()) {
-    auto parsed = parseChoice<EyeContentType>(background, 2, BackgroundType::getName);
+    auto parsed = parseChoice<EyeContentType>(background, catalogue::contentKindNames());
     if (!parsed)
       return {"--background wants COLOR:STYLE or IMAGE:STYLE, got \"" + background + "\"", true};
-    backgroundChoice = *parsed;
+    std::tie(wanted.backgroundKind, wanted.backgroundStyle) = *parsed;
+    // The library paints an unknown colour name black; asked for by name, that is a slip.
+    const auto colors = colorNames();
+    if (wanted.backgroundKind == EyeContentType::COLOR &&
+        std::find(colors.begin(), colors.end(), wanted.backgroundStyle) == colors.end())
+      return {"unknown colour \"" + wanted.backgroundStyle + "\"; colours are " + joined(colors),
+              true};
   }
+  const Look look = availableLook(configDir, wanted, !iris.empty(), !background.empty());
 
   // Offline: frames stay in memory whatever the environment says.
   setenv("EYE_LCD", "memory", 1);
   try {
-    const int8_t status = EyeControl::initFrom(configDir, irisChoice.first, irisChoice.second,
-                                               backgroundChoice.first, backgroundChoice.second);
+    const int8_t status = EyeControl::initFrom(configDir, look.irisShape, look.irisStyle,
+                                               look.backgroundKind, look.backgroundStyle);
     if (status == -1) return {"cannot read the catalogues in " + configDir};
     if (status < 0) return {"the panels did not come up"};
   } catch (const std::exception& e) {
@@ -175,13 +240,13 @@ BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
   }
   // A failed lookup leaves an image without pixels, which nothing can draw.
   if (EyeControl::default_iris.left.frames.empty() || EyeControl::default_iris.right.frames.empty())
-    return {"no iris " + IrisType::getName(irisChoice.first) + ":" + irisChoice.second + " in " +
-                configDir,
-            !iris.empty()};
+    return {
+        "no iris " + IrisType::getName(look.irisShape) + ":" + look.irisStyle + " in " + configDir,
+        !iris.empty()};
   if (EyeControl::default_background.left.frames.empty() ||
       EyeControl::default_background.right.frames.empty())
-    return {"no background " + BackgroundType::getName(backgroundChoice.first) + ":" +
-                backgroundChoice.second + " in " + configDir,
+    return {"the background " + BackgroundType::getName(look.backgroundKind) + ":" +
+                look.backgroundStyle + " is not in " + configDir + " or its image does not load",
             !background.empty()};
   restPose = {EyeRest::of(EyeControl::Left_Eye), EyeRest::of(EyeControl::Right_Eye)};
   return {};
@@ -311,8 +376,12 @@ bool writeContactSheet(const std::string& path, const std::vector<Picture>& face
                        std::string& error, int columns, int every) {
   constexpr int kSpacing = 2;
   std::vector<Picture> cells;
-  for (size_t i = 0; i < faces.size(); i += static_cast<size_t>(std::max(every, 1)))
+  for (size_t i = 0; i < faces.size(); i += static_cast<size_t>(std::max(every, 1))) {
     cells.push_back(halve(faces[i]));
+    char text[32];
+    std::snprintf(text, sizeof text, "#%zu %.2fs", i, i * kFrameMs / 1000.0);
+    label(cells.back(), text);
+  }
   if (cells.empty()) {
     error = "no frames to write";
     return false;
@@ -334,6 +403,47 @@ bool writeContactSheet(const std::string& path, const std::vector<Picture>& face
   return writePicture(path, sheet, error);
 }
 
+namespace {
+
+enum class OutputKind { Webp, Sheet, Frames, Unknown };
+
+OutputKind outputKind(const std::string& out) {
+  std::string extension = fs::path(out).extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (extension == ".webp") return OutputKind::Webp;
+  if (extension == ".png") return OutputKind::Sheet;
+  return extension.empty() ? OutputKind::Frames : OutputKind::Unknown;
+}
+
+constexpr const char* kFramePrefix = "frame_";
+
+// frame_0000.png ... as writeFrameDirectory names them.
+bool isOurFrame(const fs::path& file) {
+  const std::string name = file.filename().string();
+  return name.size() > 10 && name.compare(0, 6, kFramePrefix) == 0 &&
+         name.compare(name.size() - 4, 4, ".png") == 0 &&
+         std::all_of(name.begin() + 6, name.end() - 4,
+                     [](unsigned char c) { return std::isdigit(c) != 0; });
+}
+
+}  // namespace
+
+bool checkRenderingTarget(const std::string& out, int every, std::string& error) {
+  const OutputKind kind = out.empty() ? OutputKind::Webp : outputKind(out);
+  if (kind == OutputKind::Unknown) {
+    error = "cannot write \"" + out +
+            "\": use NAME.webp (animated WebP), NAME.png (contact sheet) or a NAME without "
+            "extension (a directory of PNG frames)";
+    return false;
+  }
+  if (every != 1 && kind != OutputKind::Sheet) {
+    error = "--every applies to contact sheets (NAME.png) only";
+    return false;
+  }
+  return true;
+}
+
 bool writeFrameDirectory(const std::string& dir, const std::vector<Frame>& frames,
                          std::string& error) {
   std::error_code ec;
@@ -342,9 +452,20 @@ bool writeFrameDirectory(const std::string& dir, const std::vector<Frame>& frame
     error = "cannot create " + dir + ": " + ec.message();
     return false;
   }
+  // Old frames would read as part of this rendering; anything else is not ours to delete.
+  std::vector<fs::path> old;
+  for (const auto& entry : fs::directory_iterator(dir, ec)) {
+    if (!isOurFrame(entry.path())) {
+      error = dir + " holds " + entry.path().filename().string() +
+              ", which is not a frame of ours: choose an empty or new directory";
+      return false;
+    }
+    old.push_back(entry.path());
+  }
+  for (const fs::path& file : old) fs::remove(file, ec);
   for (size_t i = 0; i < frames.size(); ++i) {
     char name[32];
-    std::snprintf(name, sizeof name, "frame_%04zu.png", i);
+    std::snprintf(name, sizeof name, "%s%04zu.png", kFramePrefix, i);
     if (!writePicture((fs::path(dir) / name).string(), facePicture(frames[i]), error)) return false;
   }
   return true;
@@ -352,10 +473,15 @@ bool writeFrameDirectory(const std::string& dir, const std::vector<Frame>& frame
 
 bool writeRendering(const std::string& out, const std::vector<Frame>& frames, std::string& error,
                     int every) {
-  const std::string extension = fs::path(out).extension().string();
-  if (extension == ".webp") return writeWebp(out, facePictures(frames), error);
-  if (extension == ".png") return writeContactSheet(out, facePictures(frames), error, 6, every);
-  return writeFrameDirectory(out, frames, error);
+  if (!checkRenderingTarget(out, every, error)) return false;
+  switch (outputKind(out)) {
+    case OutputKind::Webp:
+      return writeWebp(out, facePictures(frames), error);
+    case OutputKind::Sheet:
+      return writeContactSheet(out, facePictures(frames), error, 6, every);
+    default:
+      return writeFrameDirectory(out, frames, error);
+  }
 }
 
 }  // namespace eyes

@@ -21,7 +21,8 @@ struct BringUp {
 
 // Brings both eyes up from the catalogues in `configDir`, frames kept in memory.
 // `iris` is "SHAPE:STYLE" and `background` "TYPE:STYLE" (as in iris_type.xml and
-// background_type.xml); empty means the settings' defaults. Call once per process.
+// background_type.xml); empty means the settings' defaults, or what the catalogue
+// has when it lacks them (availableLook). Call once per process.
 BringUp bringUpEyes(const std::string& configDir, const std::string& iris = {},
                     const std::string& background = {});
 
@@ -63,13 +64,18 @@ constexpr int kFrameMs = 40;
 
 // Lossless animated WebP, one picture per frame at 40 ms each.
 bool writeWebp(const std::string& path, const std::vector<Picture>& faces, std::string& error);
-// One PNG of half-size pictures of every `every`-th frame, `columns` across.
+// One PNG of half-size pictures of every `every`-th frame, `columns` across, each
+// labelled with its frame number and time.
 bool writeContactSheet(const std::string& path, const std::vector<Picture>& faces,
                        std::string& error, int columns = 6, int every = 1);
-// DIR/frame_0000.png, ... one full-size picture per frame.
+// DIR/frame_0000.png, ... one full-size picture per frame. Frames of an earlier
+// rendering in DIR are removed first; a DIR holding anything else is refused.
 bool writeFrameDirectory(const std::string& dir, const std::vector<Frame>& frames,
                          std::string& error);
-// By the name: ".webp" animated WebP, ".png" contact sheet, else a frame directory.
+// By the name, in any letter case: ".webp" animated WebP, ".png" contact sheet, no
+// extension a frame directory. checkRenderingTarget refuses other names (and --every
+// for anything but a sheet) before anything is rendered.
+bool checkRenderingTarget(const std::string& out, int every, std::string& error);
 bool writeRendering(const std::string& out, const std::vector<Frame>& frames, std::string& error,
                     int every = 1);
 

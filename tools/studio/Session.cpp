@@ -11,6 +11,7 @@
 #include "Helper.h"
 #include "LcdControl.h"
 #include "LoadEyeAnimations.h"
+#include "look.h"
 
 namespace fs = std::filesystem;
 
@@ -103,9 +104,11 @@ void Session::reload() {
 }
 
 void Session::bringUp() {
-  const int8_t status =
-      EyeControl::initFrom(watch.dir(), IrisType::getShape(irisShape), irisStyle,
-                           BackgroundType::getShape(backgroundType), backgroundStyle);
+  const eyes::Look look = eyes::availableLook(
+      watch.dir(), {IrisType::getShape(irisShape), irisStyle,
+                    BackgroundType::getShape(backgroundType), backgroundStyle});
+  const int8_t status = EyeControl::initFrom(watch.dir(), look.irisShape, look.irisStyle,
+                                             look.backgroundKind, look.backgroundStyle);
   if (status != 0) {
     findings.push_back({"", 0, eyes::Severity::Error,
                         "the eyes could not start (status " + std::to_string(status) + ")"});
