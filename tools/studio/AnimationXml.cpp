@@ -3,39 +3,51 @@
 #include <tinyxml2.h>
 
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <stdexcept>
 
 #include "EyeAnimation.h"
 #include "LoadEyeAnimations.h"
-#include "lint.h"
+#include "catalogue/CatalogueRules.h"
 
 namespace studio {
 
 namespace {
 
-constexpr double kFrameMs = 40.0;
+using catalogue::eventRule;
 
 moveEvent eventOf(const EventDraft& e) {
-  const auto s = [](int v) { return static_cast<short>(v); };
-  return moveEvent(s(e.x), s(e.y), s(e.timeMs), s(e.wait), static_cast<float>(e.scaleX),
-                   static_cast<float>(e.scaleY), kFrameMs, s(e.lidTopY), s(e.lidBotY),
-                   s(e.topLidIndex), s(e.botLidIndex), s(e.rotateAngle), s(e.ellipseH));
+  const auto& v = e.values;
+  const auto s = [&](size_t i) { return static_cast<short>(v[i]); };
+  return moveEvent(s(0), s(1), s(2), s(3), static_cast<float>(v[4]), static_cast<float>(v[5]),
+                   catalogue::kFramePeriodMs, s(6), s(7), s(8), s(9), s(10), s(11));
 }
 
 EventDraft draftOf(const moveEvent& e) {
-  return {e.x,         e.y,         e.move_ms,       e.wait_ms,       e.scale_x,      e.scale_y,
-          e.lid_top_y, e.lid_bot_y, e.top_lid_index, e.bot_lid_index, e.rotate_angle, e.ellipse_h};
+  EventDraft d;
+  d.values = {static_cast<double>(e.x),
+              static_cast<double>(e.y),
+              static_cast<double>(e.move_ms),
+              static_cast<double>(e.wait_ms),
+              e.scale_x,
+              e.scale_y,
+              static_cast<double>(e.lid_top_y),
+              static_cast<double>(e.lid_bot_y),
+              static_cast<double>(e.top_lid_index),
+              static_cast<double>(e.bot_lid_index),
+              static_cast<double>(e.rotate_angle),
+              static_cast<double>(e.ellipse_h)};
+  return d;
 }
 
-// Shortest text that reads back as the same float.
-std::string number(double value) {
-  char text[32];
-  for (int digits = 1; digits <= 9; ++digits) {
-    std::snprintf(text, sizeof text, "%.*g", digits, value);
-    if (static_cast<float>(std::strtod(text, nullptr)) == static_cast<float>(value)) break;
-  }
-  return text;
+size_t indexOf(const char* name) {
+  const auto& attributes = eventRule().attributes;
+  for (size_t i = 0; i < attributes.size(); ++i)
+    if (std::strcmp(attributes[i].name, name) == 0) return i;
+  throw std::invalid_argument(std::string("no event attribute ") + name);
 }
 
 // Indents as the bundled catalogue does: two spaces a level, "List" children one in.
@@ -48,23 +60,20 @@ class CataloguePrinter : public tinyxml2::XMLPrinter {
 
 void addSide(tinyxml2::XMLElement& animation, const char* name,
              const std::vector<EventDraft>& events) {
-  auto* side = animation.InsertNewChildElement("AnimationSide");
+  auto* side = animation.InsertNewChildElement(catalogue::sideRule().element);
   side->SetAttribute("Side", name);
   for (const EventDraft& e : events) {
-    auto* event = side->InsertNewChildElement("Event");
-    // Decimal without leading zeros: the reader takes 010 as octal.
-    event->SetAttribute("X", e.x);
-    event->SetAttribute("Y", e.y);
-    event->SetAttribute("TimeMs", e.timeMs);
-    event->SetAttribute("Wait", e.wait);
-    event->SetAttribute("ScaleX", number(e.scaleX).c_str());
-    event->SetAttribute("ScaleY", number(e.scaleY).c_str());
-    event->SetAttribute("LidTopY", e.lidTopY);
-    event->SetAttribute("LidBotY", e.lidBotY);
-    event->SetAttribute("TopLidIndex", e.topLidIndex);
-    event->SetAttribute("BotLidIndex", e.botLidIndex);
-    event->SetAttribute("RotateAngle", e.rotateAngle);
-    event->SetAttribute("Ellipse_H", e.ellipseH);
+    auto* event = side->InsertNewChildElement(eventRule().element);
+    const auto& attributes = eventRule().attributes;
+    for (size_t i = 0; i < attributes.size(); ++i) {
+      const auto& rule = attributes[i];
+      // Integers never with a leading zero: the reader takes 010 as octal.
+      event->SetAttribute(rule.name,
+                          (rule.kind == catalogue::ValueKind::Decimal
+                               ? catalogue::formatDecimal(static_cast<float>(e.values[i]))
+                               : catalogue::formatInteger(std::lround(e.values[i])))
+                              .c_str());
+    }
   }
 }
 
@@ -107,6 +116,14 @@ std::string attribute(const std::string& tag, const std::string& name) {
 
 }  // namespace
 
+double& EventDraft::operator[](const char* name) {
+  return values[indexOf(name)];
+}
+
+double EventDraft::operator[](const char* name) const {
+  return values[indexOf(name)];
+}
+
 std::shared_ptr<EyeAnimation> buildAnimation(const AnimationDraft& draft) {
   auto animation = std::make_shared<EyeAnimation>(static_cast<uint16_t>(draft.id), draft.name);
   animation->categories = LoadEyeAnimations::getEyeAnimationCategories(draft.categories);
@@ -120,7 +137,7 @@ AnimationDraft draftOf(const EyeAnimation& animation) {
   draft.id = animation.id;
   draft.name = animation.name;
   for (auto category : animation.categories)
-    draft.categories.push_back(eyes::categoryName(category));
+    draft.categories.push_back(catalogue::categoryName(category));
   for (const auto& e : animation.left.events) draft.left.push_back(draftOf(e));
   for (const auto& e : animation.right.events) draft.right.push_back(draftOf(e));
   return draft;
@@ -128,15 +145,16 @@ AnimationDraft draftOf(const EyeAnimation& animation) {
 
 std::string animationElement(const AnimationDraft& draft) {
   std::string categories;
-  for (const auto& c : draft.categories) categories += (categories.empty() ? "" : ",") + c;
+  for (const auto& c : draft.categories)
+    categories += (categories.empty() ? "" : std::string(1, catalogue::kCategorySeparator)) + c;
   tinyxml2::XMLDocument document;
-  auto* animation = document.NewElement("Animation");
+  auto* animation = document.NewElement(catalogue::animationRule().element);
   document.InsertEndChild(animation);
   animation->SetAttribute("Id", draft.id);
   animation->SetAttribute("Name", draft.name.c_str());
   animation->SetAttribute("Categories", categories.c_str());
-  addSide(*animation, "Left", draft.left);
-  addSide(*animation, "Right", draft.right);
+  addSide(*animation, catalogue::kLeftSide, draft.left);
+  addSide(*animation, catalogue::kRightSide, draft.right);
   CataloguePrinter printer;
   animation->Accept(&printer);
   // The printer puts a line break and indent before every element, the first included.
@@ -150,6 +168,9 @@ std::string spliceAnimation(const std::string& text, const std::string& replaces
                             const AnimationDraft& draft, std::string& error) {
   // Walks the tags outside comments: Animation elements do not nest, so each one
   // runs from its start tag to the first end tag after it.
+  const std::string listClose = std::string("</") + catalogue::kRootElement + ">";
+  const std::string open = std::string("<") + catalogue::animationRule().element;
+  const std::string close = "</" + open.substr(1);
   size_t listEnd = std::string::npos;
   size_t start = std::string::npos, end = std::string::npos;
   for (size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at + 1)) {
@@ -158,9 +179,9 @@ std::string spliceAnimation(const std::string& text, const std::string& replaces
       at = skipped - 1;
       continue;
     }
-    if (text.compare(at, 7, "</List>") == 0) listEnd = at;
+    if (text.compare(at, listClose.size(), listClose) == 0) listEnd = at;
     if (replaces.empty() || start != std::string::npos) continue;
-    if (text.compare(at, 10, "<Animation") != 0 || isNameChar(text[at + 10])) continue;
+    if (text.compare(at, open.size(), open) != 0 || isNameChar(text[at + open.size()])) continue;
     const size_t tagEnd = text.find('>', at);
     if (tagEnd == std::string::npos) break;
     if (attribute(text.substr(at, tagEnd - at), "Name") != replaces) continue;
@@ -168,10 +189,10 @@ std::string spliceAnimation(const std::string& text, const std::string& replaces
     if (text[tagEnd - 1] == '/') {
       end = tagEnd + 1;
     } else {
-      size_t close = text.find("</Animation", tagEnd);
-      while (close != std::string::npos && isNameChar(text[close + 11]))  // </AnimationSide
-        close = text.find("</Animation", close + 1);
-      const size_t closeEnd = close == std::string::npos ? close : text.find('>', close);
+      size_t closeAt = text.find(close, tagEnd);
+      while (closeAt != std::string::npos && isNameChar(text[closeAt + close.size()]))
+        closeAt = text.find(close, closeAt + 1);  // </AnimationSide
+      const size_t closeEnd = closeAt == std::string::npos ? closeAt : text.find('>', closeAt);
       if (closeEnd == std::string::npos) break;
       end = closeEnd + 1;
     }
@@ -187,7 +208,7 @@ std::string spliceAnimation(const std::string& text, const std::string& replaces
     return text.substr(0, start) + element + text.substr(end);
   }
   if (listEnd == std::string::npos) {
-    error = "the catalogue has no </List> to add the animation to";
+    error = "the catalogue has no " + listClose + " to add the animation to";
     return {};
   }
   // Added on a line of its own, after a blank line, as the bundled file spaces them.

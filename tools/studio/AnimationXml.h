@@ -1,6 +1,7 @@
 // An animation as the editor holds it, and how it is written into the catalogue text.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,11 +10,14 @@ class EyeAnimation;
 
 namespace studio {
 
-// One event with the values as written in the file (times before frame rounding).
+// One event as written in the file (times before frame rounding): a value per
+// attribute, in the order of catalogue::eventRule(), which is also moveEvent's.
 struct EventDraft {
-  int x = 555, y = 555, timeMs = 0, wait = 0;
-  double scaleX = 555, scaleY = 555;
-  int lidTopY = 0, lidBotY = 240, topLidIndex = 0, botLidIndex = 1, rotateAngle = 0, ellipseH = 0;
+  std::array<double, 12> values{};
+
+  // The value of attribute `name` ("X", "TimeMs", ...); the rule must list it.
+  double& operator[](const char* name);
+  double operator[](const char* name) const;
 };
 
 struct AnimationDraft {

@@ -1,9 +1,8 @@
 #include "DraftJson.h"
 
-#include <iterator>
-
 #include "EyeControl.h"
 #include "Session.h"
+#include "catalogue/CatalogueRules.h"
 
 using nlohmann::json;
 
@@ -12,52 +11,46 @@ namespace studio {
 namespace {
 
 // Events as the page edits them: the file's attribute names, the file's values.
-const char* const kEventFields[] = {"X",           "Y",           "TimeMs",      "Wait",
-                                    "ScaleX",      "ScaleY",      "LidTopY",     "LidBotY",
-                                    "TopLidIndex", "BotLidIndex", "RotateAngle", "Ellipse_H"};
-
 json eventJson(const EventDraft& e) {
-  return {{"X", e.x},
-          {"Y", e.y},
-          {"TimeMs", e.timeMs},
-          {"Wait", e.wait},
-          {"ScaleX", e.scaleX},
-          {"ScaleY", e.scaleY},
-          {"LidTopY", e.lidTopY},
-          {"LidBotY", e.lidBotY},
-          {"TopLidIndex", e.topLidIndex},
-          {"BotLidIndex", e.botLidIndex},
-          {"RotateAngle", e.rotateAngle},
-          {"Ellipse_H", e.ellipseH}};
+  json j;
+  const auto& attributes = catalogue::eventRule().attributes;
+  for (size_t i = 0; i < attributes.size(); ++i) {
+    if (attributes[i].kind == catalogue::ValueKind::Decimal)
+      j[attributes[i].name] = e.values[i];
+    else
+      j[attributes[i].name] = static_cast<long>(e.values[i]);
+  }
+  return j;
 }
 
+// Each value as the field holds it; besides, times are not negative, lid indexes name
+// a lid of the catalogue and scales are above 0 (555 keeps the size).
 EventDraft eventOf(const json& j, const std::string& where) {
   EventDraft e;
-  int* ints[] = {&e.x,           &e.y,           &e.timeMs,      &e.wait,
-                 nullptr,        nullptr,        &e.lidTopY,     &e.lidBotY,
-                 &e.topLidIndex, &e.botLidIndex, &e.rotateAngle, &e.ellipseH};
   const long lids = static_cast<long>(EyeControl::lid_images.size());
-  for (size_t i = 0; i < std::size(kEventFields); ++i) {
-    const char* name = kEventFields[i];
+  const auto& attributes = catalogue::eventRule().attributes;
+  for (size_t i = 0; i < attributes.size(); ++i) {
+    const catalogue::AttributeRule& rule = attributes[i];
+    const std::string name = rule.name;
     const auto bad = [&](const std::string& what) {
       return BadRequest{400, where + ": " + name + " " + what};
     };
     if (!j.contains(name) || !j[name].is_number()) throw bad("must be a number");
-    if (!ints[i]) {
-      (i == 4 ? e.scaleX : e.scaleY) = j[name].get<double>();
-      if (!(j[name].get<double>() > 0) || j[name].get<double>() > 555)
-        throw bad("must be above 0, at most 555");
+    if (rule.kind == catalogue::ValueKind::Decimal) {
+      e.values[i] = j[name].get<double>();
+      if (!(e.values[i] > 0) || e.values[i] > 555) throw bad("must be above 0, at most 555");
       continue;
     }
     if (!j[name].is_number_integer()) throw bad("must be a whole number");
     const long v = j[name].get<long>();
-    const bool time = i == 2 || i == 3;
-    const bool lid = i == 8 || i == 9;
-    if ((time && (v < 0 || v > 32767)) || (lid && (v < 0 || v >= lids)) || v < -32768 || v > 32767)
-      throw bad(lid    ? "must name one of the " + std::to_string(lids) + " lid images"
-                : time ? "must be from 0 to 32767 ms"
-                       : "is out of range");
-    *ints[i] = static_cast<int>(v);
+    const bool time = name == "TimeMs" || name == "Wait";
+    const bool lid = name == "TopLidIndex" || name == "BotLidIndex";
+    const long lowest = time || lid || !rule.isSigned ? 0 : -(1L << (rule.bits - 1));
+    const long highest = lid ? lids - 1 : (1L << (rule.bits - (rule.isSigned ? 1 : 0))) - 1;
+    if (v < lowest || v > highest)
+      throw bad(lid ? "must name one of the " + std::to_string(lids) + " lid images"
+                    : "must be from " + std::to_string(lowest) + " to " + std::to_string(highest));
+    e.values[i] = static_cast<double>(v);
   }
   return e;
 }
@@ -86,10 +79,8 @@ AnimationDraft draftFromJson(const json& j) {
     throw BadRequest{400, "id must be a whole number from 0 to 65535"};
   d.id = id.get<unsigned>();
   for (const auto& c : j.value("categories", json::array())) {
-    bool known = false;
-    for (int k = 1; k <= EYEANIMATION_USER_DEFINED; ++k)
-      known = known || c == eyes::categoryName(k);
-    if (!known) throw BadRequest{400, "unknown category " + c.dump()};
+    if (!c.is_string() || !catalogue::categoryFromName(c.get<std::string>()))
+      throw BadRequest{400, "unknown category " + c.dump()};
     d.categories.push_back(c);
   }
   for (const char* side : {"left", "right"}) {

@@ -8,6 +8,7 @@
 #include "DraftJson.h"
 #include "EyeControl.h"
 #include "Studio.h"
+#include "catalogue/CatalogueRules.h"
 
 using nlohmann::json;
 
@@ -85,7 +86,8 @@ json catalogueJson(const Session& s) {
   json animations = json::array();
   for (const auto& animation : EyeControl::eye_animations) {
     json categories = json::array();
-    for (auto category : animation->categories) categories.push_back(eyes::categoryName(category));
+    for (auto category : animation->categories)
+      categories.push_back(catalogue::categoryName(category));
     const size_t frames = buildTimeline(*animation, {}, {}).size();
     animations.push_back({{"name", animation->name},
                           {"id", animation->id},
@@ -110,8 +112,9 @@ json catalogueJson(const Session& s) {
     lids.push_back({{"index", i},
                     {"name", EyeControl::lid_images[i].name},
                     {"id", EyeControl::lid_images[i].id}});
-  json categories = json::array();
-  for (int k = 1; k <= EYEANIMATION_USER_DEFINED; ++k) categories.push_back(eyes::categoryName(k));
+  // Every category a catalogue can name (index 0, NONE, is none).
+  const auto& names = catalogue::categoryNames();
+  const json categories = std::vector<std::string>(names.begin() + 1, names.end());
   return {{"generation", s.generation},
           {"animations", animations},
           {"irises", irises},

@@ -11,6 +11,7 @@
 #include "Helper.h"
 #include "LcdControl.h"
 #include "LoadEyeAnimations.h"
+#include "catalogue/CatalogueRules.h"
 #include "look.h"
 
 namespace fs = std::filesystem;
@@ -19,7 +20,7 @@ namespace studio {
 
 namespace {
 
-constexpr const char* kAnimations = "eyeanimations.xml";
+const char* const kAnimations = catalogue::fileName(catalogue::CatalogueFile::Animations);
 
 std::string readFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -104,9 +105,9 @@ void Session::reload() {
 }
 
 void Session::bringUp() {
-  const eyes::Look look = eyes::availableLook(
-      watch.dir(), {IrisType::getShape(irisShape), irisStyle,
-                    BackgroundType::getShape(backgroundType), backgroundStyle});
+  const eyes::Look look =
+      eyes::availableLook(watch.dir(), {IrisType::getShape(irisShape), irisStyle,
+                                        BackgroundType::getShape(backgroundType), backgroundStyle});
   const int8_t status = EyeControl::initFrom(watch.dir(), look.irisShape, look.irisStyle,
                                              look.backgroundKind, look.backgroundStyle);
   if (status != 0) {
