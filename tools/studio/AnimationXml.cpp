@@ -4,10 +4,6 @@
 
 #include <cctype>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <stdexcept>
 
 #include "EyeAnimation.h"
 #include "LoadEyeAnimations.h"
@@ -41,13 +37,6 @@ EventDraft draftOf(const moveEvent& e) {
               static_cast<double>(e.rotate_angle),
               static_cast<double>(e.ellipse_h)};
   return d;
-}
-
-size_t indexOf(const char* name) {
-  const auto& attributes = eventRule().attributes;
-  for (size_t i = 0; i < attributes.size(); ++i)
-    if (std::strcmp(attributes[i].name, name) == 0) return i;
-  throw std::invalid_argument(std::string("no event attribute ") + name);
 }
 
 // Indents as the bundled catalogue does: two spaces a level, "List" children one in.
@@ -115,14 +104,6 @@ std::string attribute(const std::string& tag, const std::string& name) {
 }
 
 }  // namespace
-
-double& EventDraft::operator[](const char* name) {
-  return values[indexOf(name)];
-}
-
-double EventDraft::operator[](const char* name) const {
-  return values[indexOf(name)];
-}
 
 std::shared_ptr<EyeAnimation> buildAnimation(const AnimationDraft& draft) {
   auto animation = std::make_shared<EyeAnimation>(static_cast<uint16_t>(draft.id), draft.name);

@@ -14,10 +14,6 @@ namespace studio {
 // attribute, in the order of catalogue::eventRule(), which is also moveEvent's.
 struct EventDraft {
   std::array<double, 12> values{};
-
-  // The value of attribute `name` ("X", "TimeMs", ...); the rule must list it.
-  double& operator[](const char* name);
-  double operator[](const char* name) const;
 };
 
 struct AnimationDraft {
