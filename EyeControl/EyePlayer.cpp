@@ -12,8 +12,8 @@
 
 #include "EyeControl.h"
 #include "EyeEvent.h"
-#include "EyeIdle.h"
 #include "Helper.h"
+#include "PlayGate.h"
 
 namespace {
 
@@ -37,8 +37,15 @@ void storeActive(std::shared_ptr<EyeAnimation> animation) {
 // Switches the shown iris image when the track's current event names another one.
 void switchIrisImage(const EyeSideAnimation& track, VContent& shown) {
   const char* name = track.events[track.current_event].iris_name;
-  if (name == nullptr || name[0] == '\0' || shown.path == name) return;
-  shown = VContent::getImage(name, true, true);
+  if (name == nullptr || name[0] == '\0') return;
+  {
+    PlayGate::Reading reading;
+    if (shown.path == name) return;
+  }
+  // Decoded first; the image it replaces is freed after the gate.
+  VContent image = VContent::getImage(name, true, true);
+  PlayGate::Change change;
+  std::swap(shown, image);
 }
 
 // Where an eye-position block puts one eye: scale 1, lids open, no range check.
@@ -83,6 +90,7 @@ void runPositionBlock(const BlockEye& block) {
 }  // namespace
 
 std::shared_ptr<EyeAnimation> EyeControl::getAnimation(const std::string& name) {
+  PlayGate::Reading reading;  // the catalogue may be read anew meanwhile
   for (const auto& animation : eye_animations)
     if (animation && animation->name == name) return animation;
   return {};
@@ -98,7 +106,7 @@ std::shared_ptr<EyeAnimation> EyeControl::getAnimation(const char* name) {
 }
 
 int8_t EyeControl::setAnimation(unsigned short id, std::string_view name) {
-  EyeIdle::noteApplicationActivity();
+  PlayGate::applicationActivity();
   Abort();
   is_processing = true;
   if (name.data() == nullptr && !name.empty())
@@ -190,7 +198,7 @@ void EyeControl::Abort() {
 }
 
 int8_t EyeControl::ProcessEyeBlock(std::shared_ptr<BlockEye> block) {
-  if (!EyeIdle::ownsBlock(*block)) EyeIdle::noteApplicationActivity();
+  PlayGate::blockStarts(*block);
   Abort();
   is_processing = true;
   // Animation blocks keep the active animation: an empty one replays it.

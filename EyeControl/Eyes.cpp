@@ -10,6 +10,7 @@
 
 #include "FrameComposer.h"
 #include "LcdControl.h"
+#include "PlayGate.h"
 
 EyeLidPart::EyeLidPart() = default;
 
@@ -103,7 +104,27 @@ void restartSequence(SequenceState& state) {
 
 }  // namespace
 
-Eyes::Eyes(bool isLeft, short irisX, short irisY) : isLeft(isLeft), irisX(irisX), irisY(irisY) {}
+Eyes::Eyes(bool isLeft, short irisX, short irisY) : isLeft(isLeft), homeX_(irisX), homeY_(irisY) {
+  this->irisX = irisX;
+  this->irisY = irisY;
+}
+
+EyePose Eyes::pose() const {
+  PlayGate::Reading reading;
+  return *this;
+}
+
+void Eyes::setPose(const EyePose& pose) {
+  PlayGate::Change change;
+  static_cast<EyePose&>(*this) = pose;
+}
+
+void Eyes::rest() {
+  EyePose home;
+  home.irisX = homeX_;
+  home.irisY = homeY_;
+  setPose(home);
+}
 
 void Eyes::SetLidIndex(unsigned short index, bool top) {
   if (top) {
@@ -121,106 +142,157 @@ int8_t Eyes::set_Frame_12Bit(float scaleX, float scaleY, int x, int y, short top
   // all this guards.
   while (busy.load()) sleepOneMs();
   busy.store(true);
-
-  irisX = static_cast<short>(x);
-  irisY = static_cast<short>(y);
-  // 64-bit so that no position or scale, however far off the panel, can overflow.
-  const long long centreX =
-      isLeft ? static_cast<long long>(x) - offsetX : static_cast<long long>(x) + offsetX;
-  const long long centreY = static_cast<long long>(y) + offsetY;
-  this->topLidY = topLidY;
-  this->bottomLidY = bottomLidY;
-  this->scaleX = scaleX;
-  this->scaleY = scaleY;
-
-  // Row by row, with the same bytes as the per-pixel rules below.
-  unsigned char out[kFrameBytes];
-  eyeframe::compose(*this, scaleX, scaleY, centreX, centreY, topLidY, bottomLidY, out);
-
-  LcdData data{};
-  data.lcd = isLeft ? 0 : 1;
-  data.buffer = out;
-  const int8_t result = LcdControl::writeLcd(&data);
+  int8_t result = 0;
+  {
+    std::lock_guard<std::mutex> own(composing_);
+    unsigned char out[kFrameBytes];
+    {
+      // No image this frame reads may change until it is composed.
+      PlayGate::Reading reading;
+      irisX = static_cast<short>(x);
+      irisY = static_cast<short>(y);
+      // 64-bit so that no position or scale, however far off the panel, can overflow.
+      const long long centreX =
+          isLeft ? static_cast<long long>(x) - offsetX : static_cast<long long>(x) + offsetX;
+      const long long centreY = static_cast<long long>(y) + offsetY;
+      this->topLidY = topLidY;
+      this->bottomLidY = bottomLidY;
+      this->scaleX = scaleX;
+      this->scaleY = scaleY;
+      // Row by row, with the same bytes as the per-pixel rules below.
+      eyeframe::compose(*this, scaleX, scaleY, centreX, centreY, topLidY, bottomLidY, out);
+    }
+    LcdData data{};
+    data.lcd = isLeft ? 0 : 1;
+    data.buffer = out;
+    result = LcdControl::writeLcd(&data);
+  }
   busy.store(false);
   return result;
+}
+
+// Lids the track's current event switches to but that are not in memory yet are
+// decoded here, outside the gate, and only then put in place.
+void Eyes::preloadLids(const EyeSideAnimation& side) {
+  if (side.current_event >= side.events.size()) return;
+  const moveEvent& event = side.events[side.current_event];
+  struct Pending {
+    size_t index = 0;
+    bool wanted = false;
+    VContent image;
+  } pending[2];
+  {
+    PlayGate::Reading reading;
+    if (lidImages == nullptr) return;
+    const short wanted[2] = {event.top_lid_index, event.bot_lid_index};
+    const unsigned short shown[2] = {topLidIndex, bottomLidIndex};
+    for (int i = 0; i < 2; ++i) {
+      const short k = wanted[i];
+      if (k < 0 || static_cast<size_t>(k) >= lidImages->size() || k == shown[i]) continue;
+      const VContent& lid = (*lidImages)[static_cast<size_t>(k)].content;
+      if (lid.isReady()) continue;
+      pending[i] = {static_cast<size_t>(k), true, lid};
+    }
+  }
+  if (!pending[0].wanted && !pending[1].wanted) return;
+  for (Pending& p : pending)
+    if (p.wanted) p.image.loadSequence();
+  PlayGate::Change change;
+  for (Pending& p : pending) {
+    if (!p.wanted || lidImages == nullptr || p.index >= lidImages->size()) continue;
+    VContent& lid = (*lidImages)[p.index].content;
+    // The same lid named twice, or a catalogue read anew meanwhile: leave it.
+    if (!lid.isReady() && lid.path == p.image.path) std::swap(lid, p.image);
+  }
 }
 
 uint8_t Eyes::setAnimationFrame(EyeSideAnimation* side, VContent* irisImage,
                                 VContent* backgroundImage) {
   if (side == nullptr) return 2;
-  bool redraw = false;
+  preloadLids(*side);
 
-  if (iris != irisImage) {
-    iris = irisImage;
-    if (irisImage != nullptr) irisImage->frameIndex = 0;
-    restartSequence(irisSeq);
-    redraw = true;
-  }
-  if (background != backgroundImage) {
-    background = backgroundImage;
-    if (backgroundImage != nullptr) backgroundImage->frameIndex = 0;
-    restartSequence(backgroundSeq);
-    redraw = true;
-  }
+  short xy[2];
+  float scale[2];
+  short lid[2];
+  bool changed = false;
+  {
+    // Pointers, sequence positions and the pose change together, between two frames.
+    PlayGate::Change change;
+    bool redraw = false;
+    if (iris != irisImage) {
+      iris = irisImage;
+      if (irisImage != nullptr) irisImage->frameIndex = 0;
+      restartSequence(irisSeq);
+      redraw = true;
+    }
+    if (background != backgroundImage) {
+      background = backgroundImage;
+      if (backgroundImage != nullptr) backgroundImage->frameIndex = 0;
+      restartSequence(backgroundSeq);
+      redraw = true;
+    }
 
-  // Switches one lid to catalogue entry k when k names another lid of the catalogue.
-  auto switchLid = [this, &redraw](short k, VContent*& lid, uint8_t*& colour, unsigned short& index,
-                                   SequenceState& state) {
-    if (lidImages == nullptr || k < 0 || static_cast<size_t>(k) >= lidImages->size() || k == index)
-      return;
-    VContent& image = (*lidImages)[static_cast<size_t>(k)].content;
-    if (!image.isReady()) image.loadSequence();
-    lid = &image;
-    image.frameIndex = 0;
-    restartSequence(state);
-    index = static_cast<unsigned short>(k);
-    colour = lidImages->at(static_cast<size_t>(k)).color;
-    redraw = true;
-  };
-  if (side->current_event < side->events.size()) {
-    const moveEvent& event = side->events[side->current_event];
-    switchLid(event.top_lid_index, topLid, topLidColor, topLidIndex, topLidSeq);
-    switchLid(event.bot_lid_index, bottomLid, bottomLidColor, bottomLidIndex, bottomLidSeq);
-  }
+    // Switches one lid to catalogue entry k when k names another lid of the catalogue.
+    auto switchLid = [this, &redraw](short k, VContent*& lid, uint8_t*& colour,
+                                     unsigned short& index, SequenceState& state) {
+      if (lidImages == nullptr || k < 0 || static_cast<size_t>(k) >= lidImages->size() ||
+          k == index)
+        return;
+      EyeLidPart& entry = (*lidImages)[static_cast<size_t>(k)];
+      lid = &entry.content;
+      entry.content.frameIndex = 0;
+      restartSequence(state);
+      index = static_cast<unsigned short>(k);
+      colour = entry.color;
+      redraw = true;
+    };
+    if (side->current_event < side->events.size()) {
+      const moveEvent& event = side->events[side->current_event];
+      switchLid(event.top_lid_index, topLid, topLidColor, topLidIndex, topLidSeq);
+      switchLid(event.bot_lid_index, bottomLid, bottomLidColor, bottomLidIndex, bottomLidSeq);
+    }
 
-  short xy[2] = {irisX, irisY};
-  float scale[2] = {scaleX, scaleY};
-  short lid[2] = {topLidY, bottomLidY};
-  // A track with no event left to compute counts as ended.
-  const bool computed =
-      side->current_event < side->events.size() &&
-      side->calculateXY(irisX, irisY, xy, scaleX, scaleY, scale, topLidY, bottomLidY, lid);
-  if (!computed) {
-    side->finished = true;
-    if (topLid != nullptr) topLid->frameIndex = 0;
-    if (bottomLid != nullptr) bottomLid->frameIndex = 0;
-    restartSequence(topLidSeq);
-    restartSequence(bottomLidSeq);
-    return 2;
-  }
+    xy[0] = irisX;
+    xy[1] = irisY;
+    scale[0] = scaleX;
+    scale[1] = scaleY;
+    lid[0] = topLidY;
+    lid[1] = bottomLidY;
+    // A track with no event left to compute counts as ended.
+    const bool computed =
+        side->current_event < side->events.size() &&
+        side->calculateXY(irisX, irisY, xy, scaleX, scaleY, scale, topLidY, bottomLidY, lid);
+    if (!computed) {
+      side->finished = true;
+      if (topLid != nullptr) topLid->frameIndex = 0;
+      if (bottomLid != nullptr) bottomLid->frameIndex = 0;
+      restartSequence(topLidSeq);
+      restartSequence(bottomLidSeq);
+      return 2;
+    }
 
-  auto moved = [](const VContent* image, const SequenceState& state) {
-    return image != nullptr && image->frameIndex != state.lastFrame;
-  };
-  const bool changed = xy[0] != irisX || xy[1] != irisY || scale[0] != scaleX ||
-                       scale[1] != scaleY || lid[0] != topLidY || lid[1] != bottomLidY ||
-                       moved(topLid, topLidSeq) || moved(bottomLid, bottomLidSeq) ||
-                       moved(background, backgroundSeq) || moved(iris, irisSeq) || redraw;
-  uint8_t result = 0;
-  if (changed) {
-    if (topLid != nullptr) topLidSeq.lastFrame = topLid->frameIndex;
-    if (bottomLid != nullptr) bottomLidSeq.lastFrame = bottomLid->frameIndex;
-    if (background != nullptr) backgroundSeq.lastFrame = background->frameIndex;
-    if (iris != nullptr) irisSeq.lastFrame = iris->frameIndex;
-    set_Frame_12Bit(scale[0], scale[1], xy[0], xy[1], lid[0], lid[1]);
-    result = 1;
+    auto moved = [](const VContent* image, const SequenceState& state) {
+      return image != nullptr && image->frameIndex != state.lastFrame;
+    };
+    changed = xy[0] != irisX || xy[1] != irisY || scale[0] != scaleX || scale[1] != scaleY ||
+              lid[0] != topLidY || lid[1] != bottomLidY || moved(topLid, topLidSeq) ||
+              moved(bottomLid, bottomLidSeq) || moved(background, backgroundSeq) ||
+              moved(iris, irisSeq) || redraw;
+    if (changed) {
+      if (topLid != nullptr) topLidSeq.lastFrame = topLid->frameIndex;
+      if (bottomLid != nullptr) bottomLidSeq.lastFrame = bottomLid->frameIndex;
+      if (background != nullptr) backgroundSeq.lastFrame = background->frameIndex;
+      if (iris != nullptr) irisSeq.lastFrame = iris->frameIndex;
+    }
   }
+  if (changed) set_Frame_12Bit(scale[0], scale[1], xy[0], xy[1], lid[0], lid[1]);
 
+  PlayGate::Change change;
   advanceSequence(topLid, topLidSeq);
   advanceSequence(bottomLid, bottomLidSeq);
   advanceSequence(background, backgroundSeq);
   advanceSequence(iris, irisSeq);
-  return result;
+  return changed ? 1 : 0;
 }
 
 void Eyes::setResizedPixel(unsigned char* out, const unsigned char* src, float ratioX, float ratioY,

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -36,10 +37,36 @@ struct EyeLidPart {
 struct SequenceState {
   uint16_t lastFrame = 0;  // frameIndex of the layer when the eye was last drawn
   uint16_t loopsDone = 0;
-  uint8_t tick = 1;        // ticks the current frame has been held
+  uint8_t tick = 1;  // ticks the current frame has been held
 };
 
-class Eyes {
+// Everything an eye shows and where, as one value: what tools keep and put back. The
+// eye's own fields are these.
+struct EyePose {
+  VContent* iris = nullptr;
+  VContent* topLid = nullptr;
+  VContent* background = nullptr;
+  VContent* bottomLid = nullptr;
+  std::vector<EyeLidPart>* lidImages = nullptr;
+  int8_t offsetX = 0;
+  int8_t offsetY = 0;
+  uint8_t* topLidColor = nullptr;
+  uint8_t* bottomLidColor = nullptr;
+  SequenceState irisSeq;
+  SequenceState topLidSeq;
+  SequenceState bottomLidSeq;
+  SequenceState backgroundSeq;
+  short irisX = 0;
+  short irisY = 0;
+  float scaleX = 1.0f;
+  float scaleY = 1.0f;
+  short topLidY = 0;
+  short bottomLidY = 240;
+  unsigned short topLidIndex = 0;
+  unsigned short bottomLidIndex = 0;
+};
+
+class Eyes : public EyePose {
  public:
   static constexpr int kSize = 240;             // panel width and height
   static constexpr int kFrameBytes = 86400;     // 240 * 240 pixels at 12 bits
@@ -54,18 +81,21 @@ class Eyes {
   short getTopLidY() const { return topLidY; }
   short getBottomLidY() const { return bottomLidY; }
 
+  EyePose pose() const;
+  void setPose(const EyePose& pose);
+  // Back to how the eye was built: at its start position, pointing at no image.
+  void rest();
+
   // Records the lid index shown and restarts that lid's sequence counters.
   void SetLidIndex(unsigned short index, bool top);
 
   // Stores position, scales and lid lines, composes the whole frame and writes it
   // to this eye's panel. Returns the LCD driver's status.
-  int8_t set_Frame_12Bit(float scaleX, float scaleY, int x, int y, short topLidY,
-                         short bottomLidY);
+  int8_t set_Frame_12Bit(float scaleX, float scaleY, int x, int y, short topLidY, short bottomLidY);
 
   // One animation step of `side` on this eye with the given iris and background.
   // 0: computed, nothing changed; 1: computed and drawn; 2: the track has ended.
-  uint8_t setAnimationFrame(EyeSideAnimation* side, VContent* irisImage,
-                            VContent* backgroundImage);
+  uint8_t setAnimationFrame(EyeSideAnimation* side, VContent* irisImage, VContent* backgroundImage);
 
   // Per-pixel rules of the composer.
   // Bilinear sample (4 bytes) of a 4-byte-per-pixel image with row stride `width`.
@@ -82,26 +112,13 @@ class Eyes {
                                 unsigned char& out0, unsigned char& out1);
 
   bool isLeft;
-  VContent* iris = nullptr;
-  VContent* topLid = nullptr;
-  VContent* background = nullptr;
-  VContent* bottomLid = nullptr;
-  std::vector<EyeLidPart>* lidImages = nullptr;
-  int8_t offsetX = 0;
-  int8_t offsetY = 0;
-  uint8_t* topLidColor = nullptr;
-  uint8_t* bottomLidColor = nullptr;
-  SequenceState irisSeq;
-  SequenceState topLidSeq;
-  SequenceState bottomLidSeq;
-  SequenceState backgroundSeq;
-  short irisX;
-  short irisY;
-  float scaleX = 1.0f;
-  float scaleY = 1.0f;
-  short topLidY = 0;
-  short bottomLidY = 240;
-  unsigned short topLidIndex = 0;
-  unsigned short bottomLidIndex = 0;
   std::atomic<bool> busy{false};
+
+ private:
+  void preloadLids(const EyeSideAnimation& side);
+
+  // Keeps two frames of this eye apart where busy, a load then a store, cannot.
+  std::mutex composing_;
+  short homeX_;
+  short homeY_;
 };

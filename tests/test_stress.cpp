@@ -17,7 +17,7 @@
 #include "LcdControl.h"
 #include "WorkerSupport.h"
 
-// Commands racing the player on purpose (see tsan.supp) are matched by the command's
+// The plain-value races kept on purpose (see tsan.supp) are matched by the reader's
 // stack, which ThreadSanitizer keeps only with a longer history.
 extern "C" const char* __tsan_default_options() {
   return "history_size=7";
@@ -72,11 +72,34 @@ struct Counter : EyeEventListener {
   void onEyeAbort(unsigned short) override { ++calls; }
 };
 
-std::shared_ptr<BlockEye> makeBlock(int n) {
+// Registers and removes two such listeners on a thread of its own while it lives.
+class ListenerChurn {
+ public:
+  ListenerChurn()
+      : thread_([this] {
+          Counter a, b;
+          while (!done_) {
+            EyeEvent::AddListener(&a, true);
+            EyeEvent::AddListener(&b, false);
+            EyeEvent::RemoveListener(&a);
+            EyeEvent::RemoveListener(&b);
+          }
+        }) {}
+  ~ListenerChurn() {
+    done_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
+std::shared_ptr<BlockEye> makeBlock(int n, std::shared_ptr<EyeAnimation> animation) {
   static const BlockType kinds[] = {BLOCK_EYE_ANIMATION, BLOCK_EYE_POSITION, BLOCK_EYE_TYPE,
                                     BLOCK_EYE_BACKGROUND};
   auto block = std::make_shared<BlockEye>(kinds[n % 4]);
-  block->animation = EyeControl::eye_animations[n % EyeControl::eye_animations.size()];
+  block->animation = std::move(animation);
   block->content = 0;  // a CLASSIC iris, a COLOR background
   block->style = n % 3 ? "RED" : "GREEN";
   block->positions = {{EyeSide::BOTH, 0, static_cast<int16_t>(n % 50), 0}};
@@ -90,7 +113,7 @@ TEST_F(StressTest, PlaysBlocksAndAbortsFromTwoThreadsEachEndOnce) {
   constexpr int kCallsPerThread = 150;
   std::mutex idsMutex;
   std::vector<unsigned short> plays, blocks;
-  std::atomic<bool> done{false};
+  ListenerChurn churn;
 
   auto application = [&](int thread) {
     for (int i = 0; i < kCallsPerThread; ++i) {
@@ -106,7 +129,8 @@ TEST_F(StressTest, PlaysBlocksAndAbortsFromTwoThreadsEachEndOnce) {
           break;
         }
         case 1: {
-          auto block = makeBlock(n);
+          auto block =
+              makeBlock(n, EyeControl::eye_animations[n % EyeControl::eye_animations.size()]);
           const unsigned short id = block->id();
           ASSERT_EQ(EyeControl::ProcessEyeBlock(block), 0);
           std::lock_guard<std::mutex> lock(idsMutex);
@@ -119,21 +143,10 @@ TEST_F(StressTest, PlaysBlocksAndAbortsFromTwoThreadsEachEndOnce) {
       }
     }
   };
-  std::thread churn([&] {
-    Counter a, b;
-    while (!done) {
-      EyeEvent::AddListener(&a, true);
-      EyeEvent::AddListener(&b, false);
-      EyeEvent::RemoveListener(&a);
-      EyeEvent::RemoveListener(&b);
-    }
-  });
   std::thread first(application, 0), second(application, 1);
   first.join();
   second.join();
   EyeControl::Abort();
-  done = true;
-  churn.join();
 
   EXPECT_FALSE(EyeControl::is_processing);
   expectOneEndEach(plays, blocks);
@@ -162,61 +175,120 @@ TEST_F(StressTest, AbortRightAfterTheStartIsNotLost) {
   for (const auto& e : recorder_.events()) EXPECT_EQ(e.kind, Recorder::ABORT) << "play " << e.id;
 }
 
-// Commands from two threads while animations play, one after another: documented
-// races aside (these commands swap image pointers, not image storage, which would
-// free pixels under the composer), nothing breaks and every play still ends once.
-TEST_F(StressTest, CommandsWhileAnimationsPlay) {
-  constexpr int kCommandsPerThread = 150;
+// The application changes what the eyes show with every appearance command, catalogue
+// irises and backgrounds of different sizes and a catalogue reload among them, while a
+// second thread plays animations and blocks of all four eye kinds and a third churns
+// listeners. No composition may read pixels a command freed (ASan and TSan watch); every
+// play and block still ends once.
+TEST_F(StressTest, AppearanceCommandsWhilePlaysAndBlocksRun) {
+  constexpr int kStarts = 40;  // eight plays and eight blocks of each kind
+  constexpr int kCommands = 160;
+  constexpr int kCommandKinds = 16;
   VContent ownIris, ownBackground, ownLid;
   ownIris.AddFrame("", 90, 90, true, true, 255, 0, 0, 255);
   ownLid.AddFrame("", 240, 30, true, true, 90, 60, 30, 255);
   ownBackground.AddFrame("", 240, 240, false, true, 0, 0, 90, 255);
+  std::vector<std::string> names;
+  for (const auto& animation : EyeControl::eye_animations) names.push_back(animation->name);
 
   std::atomic<bool> done{false};
-  std::vector<unsigned short> plays;
+  std::vector<unsigned short> plays, blocks;
   std::thread player([&] {
-    for (unsigned short id = 1; !done; ++id) {
-      const auto& animation = EyeControl::eye_animations[id % EyeControl::eye_animations.size()];
-      ASSERT_EQ(EyeControl::setAnimation(id, animation->name), 0);
-      plays.push_back(id);
-      waitUntil([&] { return done || !EyeControl::isAnimating(); });
+    struct Finish {
+      std::atomic<bool>& done;
+      ~Finish() { done = true; }  // also when an assertion ends the thread early
+    } finish{done};
+    for (int n = 0; n < kStarts; ++n) {
+      if (n % 5 == 0) {
+        const auto id = static_cast<unsigned short>(30000 + n);
+        ASSERT_EQ(EyeControl::setAnimation(id, names[n % names.size()]), 0);
+        plays.push_back(id);
+      } else {
+        // The four block kinds in turn.
+        auto block = makeBlock(n % 5 - 1, EyeControl::getAnimation(names[n % names.size()]));
+        // Iris blocks alternate sizes (glow irises are larger); background blocks images.
+        if (n % 2) {
+          const bool iris = block->type == BLOCK_EYE_TYPE;
+          block->content = iris ? static_cast<uint8_t>(IrisShape::GLOW)
+                                : static_cast<uint8_t>(EyeContentType::IMAGE);
+          block->style = iris ? "CYAN" : "AURORA";
+        }
+        block->side = static_cast<EyeSide>(n % 3);
+        blocks.push_back(block->id());
+        ASSERT_EQ(EyeControl::ProcessEyeBlock(block), 0);
+      }
+      // A few frames each: the next start aborts what still plays.
+      waitUntil([] { return !EyeControl::isAnimating(); }, 60ms);
     }
     EyeControl::Abort();
   });
-  auto commands = [&](int thread) {
-    for (int i = 0; i < kCommandsPerThread; ++i) {
-      const auto side = static_cast<EyeSide>(i % 3);
-      switch ((i + thread) % 6) {
-        case 0:
-          EXPECT_EQ(EyeControl::setPosition(side, static_cast<short>(i % 250), 120, 1.2f, 0.8f,
-                                            static_cast<unsigned char>(i % 100), 200),
-                    0);
-          break;
-        case 1:
-          EXPECT_EQ(EyeControl::setLid(static_cast<uint16_t>(i % 2), uint16_t{1}, side), 0);
-          break;
-        case 2:
-          EXPECT_EQ(EyeControl::setIris(&ownIris, side), 0);
-          break;
-        case 3:
-          EXPECT_EQ(EyeControl::setBackground(&ownBackground, side), 0);
-          break;
-        case 4:
-          EXPECT_EQ(EyeControl::setLid(&ownLid, i % 2 == 0, side), 0);
-          break;
-        default:
-          EyeControl::SetFrames(side);
+  ListenerChurn churn;
+
+  EyePart sclera;
+  ASSERT_EQ(EyeControl::getBackground(EyeContentType::IMAGE, "SCLERA", sclera), 0);
+  for (int i = 0; i < kCommands || !done; ++i) {
+    const auto side = static_cast<EyeSide>(i % 3);
+    const IrisShape shape = i % 2 ? IrisShape::GLOW : IrisShape::CLASSIC;
+    const ColorCode colour = i % 4 < 2 ? ColorCode::CYAN : ColorCode::MAGENTA;
+    int r = 0;
+    switch (i % kCommandKinds) {
+      case 0:
+        r = EyeControl::setIris(shape, colour, side);
+        break;
+      case 1:
+        r = EyeControl::setIris(&ownIris, side);
+        break;
+      case 2: {
+        EyePart part;
+        r = EyeControl::getIris(shape, "LIME", part) + EyeControl::setIris(part, side);
+        break;
       }
+      case 3:
+        r = EyeControl::setBackground(Color::getColor(colour));
+        break;
+      case 4:
+        r = EyeControl::setBackground(&ownBackground, side);
+        break;
+      case 5:
+        r = EyeControl::setBackground(EyeContentType::COLOR, ColorCode::NAVY);
+        break;
+      case 6:
+        r = EyeControl::setBackground(sclera, side);
+        break;
+      case 7:
+        r = EyeControl::setEyes(shape, colour, ColorCode::SILVER);
+        break;
+      case 8:
+        r = EyeControl::setLid(static_cast<uint16_t>(i % 2), uint16_t{1}, side);
+        break;
+      case 9:
+        r = EyeControl::setLid(&ownLid, i % 2 == 0, side);
+        break;
+      case 10:
+        r = EyeControl::setPosition(side, static_cast<short>(i % 200), 120, 1.2f, 0.8f, 40, 200);
+        break;
+      case 11:
+        r = EyeControl::loadDefaultIris();
+        break;
+      case 12:
+        r = EyeControl::loadDefaultBackground();
+        break;
+      case 13:
+        EyeControl::FillBackgroundColor(EyeControl::default_background, Color::getColor(colour),
+                                        true);
+        break;
+      case 14:
+        r = EyeControl::loadEyeFilesFrom(EYE_ASSETS_DIR);
+        break;
+      default:
+        r = EyeControl::SetFrames(side);
     }
-  };
-  std::thread first(commands, 0), second(commands, 1);
-  first.join();
-  second.join();
-  done = true;
+    EXPECT_EQ(r, 0) << "command " << i % kCommandKinds;
+  }
   player.join();
 
   EXPECT_FALSE(EyeControl::is_processing);
-  expectOneEndEach(plays, {});
+  expectOneEndEach(plays, blocks);
 }
 
 // Checks every frame a panel gets against the one frame that state must give.

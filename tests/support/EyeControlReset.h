@@ -11,21 +11,6 @@
 
 namespace eyetest {
 
-inline void resetEye(Eyes& eye, short irisX, short irisY) {
-  eye.iris = eye.background = eye.topLid = eye.bottomLid = nullptr;
-  eye.lidImages = nullptr;
-  eye.topLidColor = eye.bottomLidColor = nullptr;
-  eye.offsetX = eye.offsetY = 0;
-  eye.irisSeq = eye.topLidSeq = eye.bottomLidSeq = eye.backgroundSeq = SequenceState{};
-  eye.irisX = irisX;
-  eye.irisY = irisY;
-  eye.scaleX = eye.scaleY = 1.0f;
-  eye.topLidY = 0;
-  eye.bottomLidY = 240;
-  eye.topLidIndex = eye.bottomLidIndex = 0;
-  eye.busy = false;
-}
-
 inline void resetEyeControl() {
   // Only the eye kinds ever finish; a worker of any other kind has already returned
   // with the flag left set, and waiting for it would never end.
@@ -39,8 +24,10 @@ inline void resetEyeControl() {
   std::atomic_store(&EyeControl::active_animation, std::shared_ptr<EyeAnimation>());
 
   // The eyes let go of the records before the records go.
-  resetEye(EyeControl::Left_Eye, 100, 140);
-  resetEye(EyeControl::Right_Eye, 140, 140);
+  for (Eyes* eye : {&EyeControl::Left_Eye, &EyeControl::Right_Eye}) {
+    eye->rest();
+    eye->busy = false;
+  }
   EyeControl::eye_animations.clear();
   EyeControl::lid_images.clear();
   EyeControl::iris_types.clear();

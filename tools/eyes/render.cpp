@@ -31,52 +31,8 @@ constexpr int kFaceWidth = 2 * kPanel + 2 * kMargin + kGap;
 constexpr int kFaceHeight = kPanel + 2 * kMargin;
 constexpr uint8_t kFace[3] = {28, 28, 34};
 
-// Everything an animation changes on one eye, to start each rendering from rest.
-struct EyeRest {
-  VContent* iris;
-  VContent* topLid;
-  VContent* background;
-  VContent* bottomLid;
-  uint8_t* topLidColor;
-  uint8_t* bottomLidColor;
-  int8_t offsetX, offsetY;
-  SequenceState irisSeq, topLidSeq, bottomLidSeq, backgroundSeq;
-  short irisX, irisY;
-  float scaleX, scaleY;
-  short topLidY, bottomLidY;
-  unsigned short topLidIndex, bottomLidIndex;
-
-  static EyeRest of(const Eyes& e) {
-    return {e.iris,           e.topLid,        e.background, e.bottomLid,   e.topLidColor,
-            e.bottomLidColor, e.offsetX,       e.offsetY,    e.irisSeq,     e.topLidSeq,
-            e.bottomLidSeq,   e.backgroundSeq, e.irisX,      e.irisY,       e.scaleX,
-            e.scaleY,         e.topLidY,       e.bottomLidY, e.topLidIndex, e.bottomLidIndex};
-  }
-  void restore(Eyes& e) const {
-    e.iris = iris;
-    e.topLid = topLid;
-    e.background = background;
-    e.bottomLid = bottomLid;
-    e.topLidColor = topLidColor;
-    e.bottomLidColor = bottomLidColor;
-    e.offsetX = offsetX;
-    e.offsetY = offsetY;
-    e.irisSeq = irisSeq;
-    e.topLidSeq = topLidSeq;
-    e.bottomLidSeq = bottomLidSeq;
-    e.backgroundSeq = backgroundSeq;
-    e.irisX = irisX;
-    e.irisY = irisY;
-    e.scaleX = scaleX;
-    e.scaleY = scaleY;
-    e.topLidY = topLidY;
-    e.bottomLidY = bottomLidY;
-    e.topLidIndex = topLidIndex;
-    e.bottomLidIndex = bottomLidIndex;
-  }
-};
-
-std::optional<std::array<EyeRest, 2>> restPose;
+// Both eyes as brought up, to start each rendering from rest.
+std::optional<std::array<EyePose, 2>> restPose;
 
 // "NAME:STYLE" -> (value of NAME in `names`, STYLE).
 template <typename Enum>
@@ -248,14 +204,14 @@ BringUp bringUpEyes(const std::string& configDir, const std::string& iris,
     return {"the background " + BackgroundType::getName(look.backgroundKind) + ":" +
                 look.backgroundStyle + " is not in " + configDir + " or its image does not load",
             !background.empty()};
-  restPose = {EyeRest::of(EyeControl::Left_Eye), EyeRest::of(EyeControl::Right_Eye)};
+  restPose = {EyeControl::Left_Eye.pose(), EyeControl::Right_Eye.pose()};
   return {};
 }
 
 void restEyes() {
   if (!restPose) return;
-  (*restPose)[0].restore(EyeControl::Left_Eye);
-  (*restPose)[1].restore(EyeControl::Right_Eye);
+  EyeControl::Left_Eye.setPose((*restPose)[0]);
+  EyeControl::Right_Eye.setPose((*restPose)[1]);
   EyeControl::SetFrames(EyeSide::BOTH);
 }
 

@@ -84,8 +84,9 @@ void Session::reload() {
   if (!EyeControl::isActive()) {
     bringUp();
   } else {
+    // The library points the eyes into the eyelid catalogue read anew; the iris and
+    // background are read again so that edited images show.
     EyeControl::loadEyeFilesFrom(watch.dir());
-    repointLids();
     // The rest pose's lids must still be in the catalogue.
     const size_t lids = EyeControl::lid_images.size();
     for (auto& r : rest_) {
@@ -121,26 +122,6 @@ void Session::bringUp() {
   for (int i = 0; i < 2; ++i)
     rest_[i] = {EyePose::of(*eyes[i]), eyes[i]->topLidIndex, eyes[i]->bottomLidIndex};
   EyeControl::SetFrames(EyeSide::BOTH);
-}
-
-// The eyelid catalogue was read anew, so the eyes' lid pointers are stale. This goes
-// once the library re-points the eyes itself after a reload.
-void Session::repointLids() {
-  const size_t lids = EyeControl::lid_images.size();
-  unsigned short top[2];
-  unsigned short bottom[2];
-  Eyes* eyes[2] = {&EyeControl::Left_Eye, &EyeControl::Right_Eye};
-  // Both eyes first: a redraw of either must not meet the other's stale lids.
-  for (int i = 0; i < 2; ++i) {
-    top[i] = eyes[i]->topLidIndex < lids ? eyes[i]->topLidIndex : 0;
-    bottom[i] = eyes[i]->bottomLidIndex < lids ? eyes[i]->bottomLidIndex
-                                               : static_cast<unsigned short>(lids > 1);
-    pointLidColours(*eyes[i], top[i], bottom[i]);
-    eyes[i]->topLid = &EyeControl::lid_images[top[i]].content;
-    eyes[i]->bottomLid = &EyeControl::lid_images[bottom[i]].content;
-  }
-  EyeControl::setLid(top[0], bottom[0], EyeSide::LEFT);
-  EyeControl::setLid(top[1], bottom[1], EyeSide::RIGHT);
 }
 
 // Reads the catalogue's iris (background) anew and shows it on both eyes; false when

@@ -80,7 +80,6 @@ class Session {
  private:
   void reload();
   void bringUp();
-  void repointLids();
   void rewind();
   void note(const char* kind);
   void setPose(bool left, const EyePose& pose, unsigned short top, unsigned short bottom);

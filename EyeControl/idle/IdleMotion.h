@@ -1,23 +1,18 @@
 // Idle motion: blinks, saccades, micro-saccades and an optional slow drift that keep
 // the eyes alive while the application plays nothing itself.
 //
-// Two layers. IdleMotion is a seeded generator without threads or clocks: given the
-// settings and where the eyes are, it returns the next short EyeAnimation and the still
-// time before it, in simulated milliseconds (offline renderers and tests use it alone).
-// EyeIdle runs such a generator on a thread of its own and plays each animation as an
-// eye-animation block through EyeControl::ProcessEyeBlock, so listeners, Abort and
-// is_processing behave as for any play.
+// IdleMotion is a seeded generator without threads or clocks: given the settings and
+// where the eyes are, it returns the next short EyeAnimation and the still time before
+// it, in simulated milliseconds (offline renderers and tests use it alone). EyeIdle.h
+// runs it on a thread.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <random>
 #include <vector>
 
 #include "EyeAnimation.h"
-
-class BlockEye;
 
 // Times are milliseconds and are rounded to whole 40 ms frames (intervals to the frames
 // inside [min, max]); distances and positions are panel pixels. An interval runs from the
@@ -136,32 +131,4 @@ class IdleMotion {
   int64_t nextBlink_ = 0;
   int64_t nextMicro_ = 0;
   int64_t nextDrift_ = 0;
-};
-
-class EyeIdle {
- public:
-  using Clock = std::function<int64_t()>;  // monotonic milliseconds
-
-  // Idle's plays carry block ids from this range, in turn.
-  static constexpr uint16_t kFirstBlockId = 0xFF00;
-  static constexpr uint16_t kLastBlockId = 0xFFFF;
-
-  // Starts idle motion (restarts it with the new settings when it runs): 0, or -1 when the
-  // settings are not valid. The clock measures the still times and the quiet time.
-  // Neither start nor stop may be called from a listener object.
-  static int8_t start(const IdleSettings& settings);
-  static int8_t start(const IdleSettings& settings, Clock clock);
-  // Returns once nothing of idle's plays and its thread is left.
-  static void stop();
-  static bool isRunning();
-  static bool isIdleId(unsigned short id) { return id >= kFirstBlockId; }
-
-  // Where the two eyes are now, lids open as they are now.
-  static IdleGaze currentGaze();
-
-  // Called by the library's commands: the application takes the eyes. An idle play in its
-  // frames is aborted and waited for; idle resumes after the quiet time.
-  static void noteApplicationActivity();
-  // True for the blocks idle itself hands to ProcessEyeBlock.
-  static bool ownsBlock(const BlockEye& block);
 };
