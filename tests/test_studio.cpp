@@ -36,6 +36,18 @@ std::string catalogue(const std::string& extraName) {
   return xml + "</List>";
 }
 
+json eventJson(int timeMs, int topLid) {
+  return {{"X", 60},          {"Y", 100},         {"TimeMs", timeMs},
+          {"Wait", 40},       {"ScaleX", 1.5},    {"ScaleY", 555},
+          {"LidTopY", 30},    {"LidBotY", 240},   {"TopLidIndex", topLid},
+          {"BotLidIndex", 1}, {"RotateAngle", 0}, {"Ellipse_H", 0}};
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 class StudioTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -50,6 +62,7 @@ class StudioTest : public ::testing::Test {
     studio_ = new Studio(options);
     port_ = studio_->start();
     ASSERT_GT(port_, 0);
+    token_ = studio_->token();
   }
   static void TearDownTestSuite() {
     delete studio_;
@@ -87,8 +100,14 @@ class StudioTest : public ::testing::Test {
   static fs::path dir_;
   static Studio* studio_;
   static int port_;
-  httplib::Client client_{"127.0.0.1", port_};
+  static std::string token_;
+  httplib::Client client_ = [] {
+    httplib::Client client("127.0.0.1", port_);
+    client.set_default_headers({{"X-Studio-Token", token_}});
+    return client;
+  }();
 };
+std::string StudioTest::token_;
 
 fs::path StudioTest::dir_;
 Studio* StudioTest::studio_ = nullptr;
@@ -114,7 +133,16 @@ TEST_F(StudioTest, BadRequestsAreRefusedWithAReason) {
       {"/api/position", "side=left&x=12abc&y=0", 400},
       {"/api/step", "frame=0", 409},  // nothing played yet
       {"/api/pause", "", 409},
+      {"/api/resume", "", 409},
+      {"/api/playback", "slowdown=3", 400},
       {"/api/no_such_endpoint", "", 404},
+      {"/api/preview", "not json", 400},
+      {"/api/preview", R"({"animation":{"id":1}})", 400},
+      {"/api/preview", R"({"animation":{"name":"a","id":70000}})", 400},
+      {"/api/preview", R"({"animation":{"name":"a","id":1,"categories":["JOY"]}})", 400},
+      {"/api/preview", R"({"animation":{"name":"a","id":1,"left":[{"X":1}]}})", 400},
+      {"/api/save", R"({"animation":{"name":"drift","id":2}})", 409},  // the name is taken
+      {"/api/save", R"({"replaces":"gone","animation":{"name":"b","id":2}})", 409},
   };
   for (const Case& c : cases) {
     auto res = post(c.path, c.form);
@@ -122,9 +150,21 @@ TEST_F(StudioTest, BadRequestsAreRefusedWithAReason) {
     EXPECT_EQ(res->status, c.status) << c.path << " " << c.form;
     EXPECT_FALSE(json::parse(res->body).value("error", "").empty()) << c.path << " " << c.form;
   }
-  auto res = client_.Get("/api/frame?after=many");
-  ASSERT_TRUE(res);
-  EXPECT_EQ(res->status, 400);
+  // An event with a lid index beyond the catalogue, and a negative move time.
+  json animation = {{"name", "a"}, {"id", 1}, {"left", {eventJson(0, 99)}}};
+  EXPECT_EQ(post("/api/preview", json{{"animation", animation}}.dump())->status, 400);
+  animation["left"] = {eventJson(-40, 0)};
+  EXPECT_EQ(post("/api/preview", json{{"animation", animation}}.dump())->status, 400);
+  for (const char* path : {"/api/frame?after=many", "/api/lid?index=99", "/api/lid"}) {
+    auto res = client_.Get(path);
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 400) << path;
+  }
+  // A lid picture is the image itself: 8-bit RGBA, its size in the headers.
+  auto res = client_.Get("/api/lid?index=1");
+  ASSERT_EQ(res->status, 200);
+  EXPECT_EQ(res->body.size(), 4 * std::stoul(res->get_header_value("X-Width")) *
+                                  std::stoul(res->get_header_value("X-Height")));
   EXPECT_TRUE(get("/api/state")["up"].get<bool>());
 }
 
@@ -158,6 +198,14 @@ TEST_F(StudioTest, SteppingToTheLastFrameShowsWhatPlayingDrew) {
   EXPECT_EQ(pose(EyeControl::Right_Eye), playedRight);
   EXPECT_EQ(LcdControl::lastFrame(1), playedFrame);
   EXPECT_EQ(get("/api/state")["stepFrame"], frames - 1);
+
+  // Looping: resumed from the end, it starts over instead of completing again.
+  post("/api/playback", "loop=1&slowdown=1");
+  post("/api/resume", "");
+  EXPECT_TRUE(heard(waitForState([](const json& s) { return heard(s, "loop", "drift"); }), "loop",
+                    "drift"));
+  post("/api/playback", "loop=0");
+  post("/api/pause", "");
 }
 
 TEST_F(StudioTest, ABrokenCatalogueIsReportedAndTheLoadedOneStays) {
@@ -193,6 +241,78 @@ TEST_F(StudioTest, ABrokenCatalogueIsReportedAndTheLoadedOneStays) {
   EXPECT_EQ(cat["animations"][1]["lengthMs"], cat["animations"][0]["lengthMs"]);
   EXPECT_EQ(cat["generation"], generation + 1);
   EXPECT_EQ(post("/api/play", "name=drift_again")->status, 200);
+}
+
+TEST_F(StudioTest, StrangersAreRefusedAndChangeNothing) {
+  const std::string own = "127.0.0.1:" + std::to_string(port_);
+  struct Case {
+    std::string host, origin, token;
+  };
+  const Case cases[] = {{own, "", ""},
+                        {own, "", "wrong"},
+                        {own, "http://evil.example", token_},
+                        {own, "http://127.0.0.1:1", token_},
+                        {"evil.example:" + std::to_string(port_), "", token_}};
+  const auto before = get("/api/state");
+  for (const Case& c : cases) {
+    httplib::Headers headers = {{"Host", c.host}, {"X-Studio-Token", c.token}};
+    if (!c.origin.empty()) headers.emplace("Origin", c.origin);
+    httplib::Client stranger("127.0.0.1", port_);
+    auto res =
+        stranger.Post("/api/play", headers, "name=drift", "application/x-www-form-urlencoded");
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, 403) << c.host << " " << c.origin << " " << c.token;
+  }
+  EXPECT_EQ(get("/api/state")["selection"], before["selection"]);
+  httplib::Client page("127.0.0.1", port_);
+  EXPECT_EQ(page.Get("/", {{"Origin", "http://localhost:" + std::to_string(port_)}})->status, 200);
+}
+
+TEST_F(StudioTest, SavingWritesOnlyItsAnimationAndKeepsABackup) {
+  const fs::path file = dir_ / "eyeanimations.xml";
+  write("eyeanimations.xml",
+        "<?xml version=\"1.0\"?>\n<!-- kept -->\n<List>\n" + catalogue("").substr(6));
+  studio_->reloadIfChanged();
+  const std::string before = readFile(file);
+  json draft = {{"name", "wave"},
+                {"id", 7},
+                {"categories", {"HAPPINESS", "IDLE"}},
+                {"left", {eventJson(100, 2), eventJson(0, 0)}},
+                {"right", {eventJson(200, 0)}}};
+  auto res = post("/api/save", json{{"animation", draft}}.dump());
+  ASSERT_EQ(res->status, 200) << res->body;
+  EXPECT_EQ(readFile(fs::path(file) += ".bak"), before);
+  const std::string saved = readFile(file);
+  const size_t at =
+      saved.find("  <Animation Id=\"7\" Name=\"wave\" Categories=\"HAPPINESS,IDLE\">");
+  ASSERT_NE(at, std::string::npos) << saved;
+  const size_t listEnd = before.rfind("</List>");
+  EXPECT_EQ(saved.substr(0, listEnd), before.substr(0, listEnd));
+  EXPECT_NE(saved.find(R"(TimeMs="100" Wait="40" ScaleX="1.5" ScaleY="555")"), std::string::npos);
+
+  // The reload shows it, selected, timed as the player rounds it.
+  const json timeline = get("/api/timeline");
+  EXPECT_EQ(timeline["animation"], "wave");
+  EXPECT_EQ(timeline["rounded"]["left"][0]["moveMs"], 120);
+  EXPECT_EQ(timeline["draft"]["left"][0]["TopLidIndex"], 2);
+  EXPECT_EQ(get("/api/catalogue")["animations"].back()["name"], "wave");
+
+  // Renamed in place: the other animation and the comment stay as they were.
+  draft["name"] = "wave_2";
+  res = post("/api/save", json{{"replaces", "wave"}, {"animation", draft}}.dump());
+  ASSERT_EQ(res->status, 200) << res->body;
+  const std::string renamed = readFile(file);
+  EXPECT_EQ(renamed.find("\"wave\""), std::string::npos);
+  EXPECT_EQ(renamed.substr(0, listEnd), before.substr(0, listEnd));
+  EXPECT_EQ(renamed.substr(at, 33), "  <Animation Id=\"7\" Name=\"wave_2\"");
+
+  // A file the checker refuses is not written, and the answer says why.
+  write("eyeanimations.xml", catalogue("drift"));  // the name twice
+  draft["name"] = "wave_3";
+  res = post("/api/save", json{{"animation", draft}}.dump());
+  EXPECT_EQ(res->status, 422);
+  EXPECT_FALSE(json::parse(res->body)["findings"].empty()) << res->body;
+  EXPECT_EQ(readFile(file), catalogue("drift"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The eye studio: a local web page that shows both eyes live and steers them
-// while catalogues are being edited.
+// The eye studio: a local web page that shows both eyes live, plays and steps the
+// catalogue's animations and edits them on the eyes.
 #pragma once
 
 #include <chrono>
@@ -21,8 +21,13 @@ class Studio {
   Studio& operator=(const Studio&) = delete;
 
   // Brings the eyes up from the catalogues (or records why it cannot yet), binds
-  // the port and serves and watches on threads of its own. The port bound, or -1.
+  // the port and serves, watches and plays on threads of its own. The port bound, or
+  // -1 (then bindError() holds the errno of the failed bind, 0 when unknown).
   int start();
+  int bindError() const;
+
+  // The run's key: state-changing requests carry it in the X-Studio-Token header.
+  const std::string& token() const;
   // Blocks until stop() is called.
   void wait();
   void stop();
