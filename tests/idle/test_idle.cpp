@@ -1,14 +1,17 @@
-// Idle motion: the seeded generator over long simulated runs, and the runner playing
-// through the library with a hand-driven clock.
+// Motion: keyframe arithmetic frame by frame, the seeded idle generator over long
+// simulated runs, and the idle runner playing through the library with a hand-driven clock.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <vector>
 
+#include "EyeAnimation.h"
 #include "EyeControlReset.h"
 #include "EyeIdle.h"
 #include "LcdControl.h"
@@ -17,38 +20,126 @@
 namespace {
 
 using eyetest::Recorder;
+using Pose = std::array<float, 6>;  // x, y, scale x, scale y, top lid line, bottom lid line
 
-IdleGaze restGaze() {
-  IdleGaze g;
-  g.left.x = 100;
-  g.left.y = 140;
-  g.right.x = 140;
-  g.right.y = 140;
-  g.left.bottomLidIndex = g.right.bottomLidIndex = 1;
-  return g;
+// An event with the reader's 40 ms frame.
+moveEvent ev(short x, short y, short timeMs, short wait, float sx = 1, float sy = 1, short top = 0,
+             short bot = 240, short rotate = 0, short ellipseH = 0) {
+  return moveEvent(x, y, timeMs, wait, sx, sy, 40.0, top, bot, 0, 0, rotate, ellipseH);
 }
 
-struct Pose {
-  short x, y, top, bottom;
-  float scaleX = 1.0f, scaleY = 1.0f;
-};
-
-// Plays one track through the player's arithmetic, calling `check` on every frame.
-int playTrack(EyeSideAnimation& track, Pose& pose, const std::function<void(const Pose&)>& check) {
-  track.clearAnimationSide();
-  int frames = 0;
-  short xy[2];
+// Plays `track` from `pose` the way the player does, feeding each frame back in, and
+// calls `check` on every frame.
+std::vector<Pose> play(EyeSideAnimation& track, Pose pose,
+                       const std::function<void(const Pose&)>& check = nullptr) {
+  std::vector<Pose> frames;
+  short xy[2], lid[2];
   float scale[2];
-  short lid[2];
-  while (track.calculateXY(pose.x, pose.y, xy, pose.scaleX, pose.scaleY, scale, pose.top,
-                           pose.bottom, lid)) {
-    pose = {xy[0], xy[1], lid[0], lid[1], scale[0], scale[1]};
-    ++frames;
-    check(pose);
+  auto s = [&](int i) { return static_cast<short>(pose[i]); };
+  while (frames.size() < 2000 &&
+         track.calculateXY(s(0), s(1), xy, pose[2], pose[3], scale, s(4), s(5), lid)) {
+    pose = {1.0f * xy[0], 1.0f * xy[1], scale[0], scale[1], 1.0f * lid[0], 1.0f * lid[1]};
+    frames.push_back(pose);
+    if (check) check(pose);
   }
   return frames;
 }
 
+// Plays the events from `start` (twice: a copy keeps where the track got to, clearing
+// rewinds every event of both sides) and expects `frames`, six numbers each as in Pose.
+void expectFrames(const std::vector<moveEvent>& events, const Pose& start,
+                  const std::vector<float>& frames) {
+  EyeAnimation animation(7, "look");
+  animation.left.events = events;
+  for (int round = 0; round < 2; ++round) {
+    std::vector<float> played;
+    for (const Pose& p : play(animation.left, start))
+      played.insert(played.end(), p.begin(), p.end());
+    EXPECT_EQ(played, frames);
+    EXPECT_TRUE(animation.left.finished);
+    EXPECT_EQ(animation.left.current_event, events.size() - 1);  // stays on the last
+    animation.state = AnimationState::COMPLETED;
+    const EyeAnimation copy(animation);
+    animation.ClearAnimation();
+    EXPECT_EQ(animation.state.load(), AnimationState::IDLE);
+    EXPECT_EQ(copy.state.load(), AnimationState::COMPLETED);
+    EXPECT_TRUE(copy.left.finished && !animation.left.finished);
+  }
+}
+
+TEST(Motion, TracksMoveInEqualPartsOfTheRestAndEndOnTheirTargets) {
+  // Straight, with scales and lids; then the steps truncate toward zero both ways.
+  expectFrames({ev(120, 100, 160, 0, 2, 0.5f, 40, 200)}, {60, 140, 1, 1, 0, 240},
+               {75,  130, 1.25f, 0.875f, 10, 230, 90,  120, 1.5f, 0.75f, 20, 220,  //
+                105, 110, 1.75f, 0.625f, 30, 210, 120, 100, 2,    0.5f,  40, 200});
+  expectFrames({ev(10, 0, 120, 0, 1, 1, 10, 0)}, {0, 10, 1, 1, 0, 10},
+               {3, 7, 1, 1, 3, 7, 6, 4, 1, 1, 6, 4, 10, 0, 1, 1, 10, 0});
+  // Hold frames stay on the target; events play in turn, an instant one included.
+  expectFrames({ev(100, 140, 80, 40), ev(0, 0, 0, 0), ev(140, 100, 80, 80)},
+               {60, 140, 1, 1, 0, 240},
+               {80,  140, 1, 1, 0, 240, 100, 140, 1, 1, 0, 240, 100, 140, 1, 1, 0, 240,  //
+                0,   0,   1, 1, 0, 240, 70,  50,  1, 1, 0, 240, 140, 100, 1, 1, 0, 240,  //
+                140, 100, 1, 1, 0, 240, 140, 100, 1, 1, 0, 240});
+  // 555 keeps the position (or scale) only when both values say so.
+  expectFrames({ev(555, 555, 80, 0, 555, 555, 40, 200)}, {33, 44, 1.5f, 0.5f, 0, 240},
+               {33, 44, 1.5f, 0.5f, 20, 220, 33, 44, 1.5f, 0.5f, 40, 200});
+  expectFrames({ev(555, 100, 80, 0, 555, 2)}, {35, 140, 1, 1, 0, 240},
+               {295, 120, 278, 1.5f, 0, 240, 555, 100, 555, 2, 0, 240});
+  // A full elliptic turn from (170, 120), semi-axes 50 and 30, a fifth a frame. At
+  // 360 degrees sin(2 pi) is -2.4e-16 in doubles: y truncates to 119.
+  expectFrames({ev(170, 120, 200, 0, 1, 1, 0, 240, 360, 30)}, {0, 0, 1, 1, 0, 240},
+               {135, 148, 1, 1, 0, 240, 79,  137, 1, 1, 0, 240, 79, 102, 1, 1, 0, 240,  //
+                135, 91,  1, 1, 0, 240, 170, 119, 1, 1, 0, 240});
+  // A turn starts at the target's angle (90 degrees, 50 away) on an ellipse 20 high:
+  // 135 degrees gives (84.6, 134.1), 180 gives (70, 120).
+  expectFrames({ev(120, 170, 80, 0, 1, 1, 0, 240, 90, 20)}, {0, 0, 1, 1, 0, 240},
+               {84, 134, 1, 1, 0, 240, 70, 120, 1, 1, 0, 240});
+  EXPECT_FALSE(EyeSideAnimation().nextEvent());
+}
+
+TEST(Motion, EventsRoundToWholeFramesAndCountThemDown) {
+  const struct {
+    short in, ms;
+    size_t frames;  // of an event moving and holding `in` ms each
+  } cases[] = {{50, 40, 2}, {60, 80, 4},   {19, 0, 1},       {20, 40, 2},         {100, 120, 6},
+               {0, 0, 1},   {-60, -80, 1}, {1000, 1000, 50}, {32767, 32760, 1638}};
+  for (const auto& c : cases) {
+    EyeSideAnimation track;
+    track.events = {ev(90, 90, c.in, c.in)};
+    EXPECT_EQ(track.events[0].move_ms, c.ms) << c.in;
+    EXPECT_EQ(track.events[0].wait_ms, c.ms) << c.in;
+    EXPECT_EQ(play(track, {60, 140, 1, 1, 0, 240}).size(), c.frames) << c.in;
+  }
+  // 100 ms at 40.9 ms a frame: round(100 / 40.9) * 40.9 = 81.8, truncated; the frame is 40.
+  moveEvent e(1, 2, 100, 0, 0.5f, 2.0f, 40.9, 3, 4, 5, 6, 7, 8);
+  EXPECT_EQ(e.frame_ms, 40);
+  EXPECT_EQ(e.move_ms, 81);
+  // Three frames of move, two of hold: moving clears with one move frame left.
+  e = ev(0, 0, 120, 80);
+  std::vector<int> rest, moving;
+  for (bool ended = false; !ended;) {
+    rest.push_back(e.restFrameCount());
+    ended = e.frameProcessed();
+    moving.push_back(e.moving);
+  }
+  EXPECT_EQ(rest, (std::vector<int>{3, 2, 1, 0, -1}));
+  EXPECT_EQ(moving, (std::vector<int>{1, 0, 0, 0, 1}));
+  EXPECT_TRUE(e.finished);
+  EXPECT_EQ(e.elapsed_ms, 0);
+  EXPECT_TRUE(e.frameProcessed());  // ended: nothing changes any more
+  EXPECT_EQ(e.elapsed_ms, 0);
+  // A zero frame period has no frames left rather than dividing by zero.
+  EXPECT_EQ(moveEvent(0, 0, 100, 100, 1, 1, 0.0, 0, 0, 0, 0, 0, 0).restFrameCount(), 0);
+}
+
+IdleGaze restGaze() {
+  IdleGaze g;
+  g.left.x = 100, g.right.x = 140, g.left.y = g.right.y = 140;
+  g.left.bottomLidIndex = g.right.bottomLidIndex = 1;
+  return g;
+}
+
+// Starts of one kind lie minMs to maxMs apart, drawn evenly: their mean is the middle.
 void expectIntervals(const std::vector<int64_t>& times, int minMs, int maxMs, const char* what) {
   SCOPED_TRACE(what);
   ASSERT_GT(times.size(), 50u);
@@ -56,7 +147,6 @@ void expectIntervals(const std::vector<int64_t>& times, int minMs, int maxMs, co
     EXPECT_GE(times[i] - times[i - 1], minMs);
     EXPECT_LE(times[i] - times[i - 1], maxMs);
   }
-  // Drawn evenly: the mean lies near the middle of the range.
   const double mean = double(times.back() - times.front()) / (times.size() - 1);
   EXPECT_NEAR(mean, (minMs + maxMs) / 2.0, (maxMs - minMs) * 0.1);
 }
@@ -64,46 +154,42 @@ void expectIntervals(const std::vector<int64_t>& times, int minMs, int maxMs, co
 TEST(IdleMotionTest, LongRunStaysInRangeAndFollowsTheIntervals) {
   IdleSettings settings;
   settings.drift = true;
-  const auto steps = IdleMotion::generate(settings, 7, restGaze(), 900);
-
-  Pose left{100, 140, 0, 240};
-  Pose right{140, 140, 0, 240};
+  Pose left{100, 140, 1, 1, 0, 240}, right{140, 140, 1, 1, 0, 240};
   std::vector<int64_t> saccades, blinks;
   int doubleBlinks = 0, micros = 0, drifts = 0, nearHome = 0, lone = 0;
-  for (const IdleStep& step : steps) {
+  for (const IdleStep& step : IdleMotion::generate(settings, 7, restGaze(), 900)) {
     SCOPED_TRACE(step.startMs);
     ASSERT_EQ(step.startMs % 40, 0);
     ASSERT_GE(step.delayMs, 0);
     const Pose before = left;
     for (auto [pose, track, homeX] : {std::make_tuple(&left, &step.animation->left, 100),
                                       std::make_tuple(&right, &step.animation->right, 140)}) {
-      const int frames = playTrack(*track, *pose, [&](const Pose& p) {
-        ASSERT_TRUE(p.x >= homeX - 40 && p.x <= homeX + 40 && p.y >= 116 && p.y <= 164)
-            << p.x << "," << p.y;
-        ASSERT_TRUE(p.top >= 0 && p.top <= 132 && p.bottom >= 112 && p.bottom <= 240)
-            << p.top << "/" << p.bottom;
-        ASSERT_EQ(p.scaleX, 1.0f);
+      const auto frames = play(*track, *pose, [&](const Pose& p) {
+        ASSERT_TRUE(std::abs(p[0] - homeX) <= 40 && std::abs(p[1] - 140) <= 24) << p[0] << p[1];
+        ASSERT_TRUE(p[4] >= 0 && p[4] <= 132 && p[5] >= 112 && p[5] <= 240) << p[4] << p[5];
+        ASSERT_EQ(p[2], 1.0f);
       });
-      ASSERT_EQ(frames * 40, step.durationMs);
+      ASSERT_EQ(frames.size() * 40, step.durationMs);
+      *pose = frames.back();
     }
-    EXPECT_EQ(left.x, step.end.left.x);
-    EXPECT_EQ(right.y, step.end.right.y);
-    EXPECT_EQ(left.top, 0);  // every step ends with the eyes open
-    EXPECT_EQ(right.bottom, 240);
-    EXPECT_EQ(right.x - left.x, 40) << "both eyes move together";
+    EXPECT_EQ(left[0], step.end.left.x);
+    EXPECT_EQ(right[1], step.end.right.y);
+    EXPECT_EQ(left[4], 0);  // every step ends with the eyes open
+    EXPECT_EQ(right[5], 240);
+    EXPECT_EQ(right[0] - left[0], 40) << "both eyes move together";
 
     if (step.saccadeAtMs >= 0) saccades.push_back(step.saccadeAtMs);
     if (step.blinkAtMs >= 0) blinks.push_back(step.blinkAtMs);
     doubleBlinks += (step.kinds & IDLE_DOUBLE_BLINK) != 0;
     if (step.kinds == IDLE_SACCADE) {
       EXPECT_TRUE(step.durationMs == 40 || step.durationMs == 80);
-      nearHome += std::abs(left.x - 100) <= 20 && std::abs(left.y - 140) <= 12;
+      nearHome += std::abs(left[0] - 100) <= 20 && std::abs(left[1] - 140) <= 12;
       ++lone;
     }
     if (step.kinds == IDLE_MICRO_SACCADE || step.kinds == IDLE_DRIFT) {
-      const int reach = step.kinds == IDLE_DRIFT ? 4 : 3;
-      EXPECT_LE(std::abs(left.x - before.x), reach);
-      EXPECT_LE(std::abs(left.y - before.y), reach);
+      const float reach = step.kinds == IDLE_DRIFT ? 4 : 3;
+      EXPECT_LE(std::abs(left[0] - before[0]), reach);
+      EXPECT_LE(std::abs(left[1] - before[1]), reach);
       (step.kinds == IDLE_DRIFT ? drifts : micros)++;
     }
   }
@@ -117,18 +203,14 @@ TEST(IdleMotionTest, LongRunStaysInRangeAndFollowsTheIntervals) {
 }
 
 TEST(IdleMotionTest, SeedsReproduceAndResumeFromWhereTheEyesWereLeft) {
-  const IdleSettings settings;
-  const auto a = IdleMotion::generate(settings, 42, restGaze(), 60);
-  const auto b = IdleMotion::generate(settings, 42, restGaze(), 60);
-  const auto c = IdleMotion::generate(settings, 43, restGaze(), 60);
-  auto trace = [](const std::vector<IdleStep>& steps) {
+  auto trace = [](uint64_t seed) {
     std::vector<int64_t> out;
-    for (const auto& s : steps)
+    for (const auto& s : IdleMotion::generate(IdleSettings{}, seed, restGaze(), 60))
       out.insert(out.end(), {s.startMs, s.kinds, s.end.left.x, s.end.left.y});
     return out;
   };
-  EXPECT_EQ(trace(a), trace(b));
-  EXPECT_NE(trace(a), trace(c));
+  EXPECT_EQ(trace(42), trace(42));
+  EXPECT_NE(trace(42), trace(43));
 
   // Left off the range, half closed, with lids the application left lower than usual:
   // the first step brings the gaze back and opens to those lids, not to the usual ones.
@@ -138,12 +220,12 @@ TEST(IdleMotionTest, SeedsReproduceAndResumeFromWhereTheEyesWereLeft) {
   away.left.x = away.right.x = 5;
   away.left.lidTop = away.right.lidTop = 90;
   away.left.restLidTop = away.right.restLidTop = 40;
-  Pose pose{away.left.x, away.left.y, away.left.lidTop, away.left.lidBottom};
+  Pose pose{5, 140, 1, 1, 90, 240};
   int blinks = 0;
   for (const IdleStep& step : IdleMotion::generate(noMicro, 1, away, 30)) {
-    playTrack(step.animation->left, pose, [](const Pose& p) { ASSERT_GE(p.top, 40); });
-    EXPECT_GE(pose.x, 60);
-    EXPECT_EQ(pose.top, 40);
+    pose = play(step.animation->left, pose, [](const Pose& p) { ASSERT_GE(p[4], 40); }).back();
+    EXPECT_GE(pose[0], 60);
+    EXPECT_EQ(pose[4], 40);
     blinks += step.blinkAtMs >= 0;
   }
   EXPECT_GT(blinks, 2);
@@ -155,23 +237,7 @@ TEST(IdleMotionTest, SeedsReproduceAndResumeFromWhereTheEyesWereLeft) {
   EXPECT_FALSE(EyeIdle::isRunning());
 }
 
-// A clock that moves only when the test says so, and counts how often the runner looked.
-struct HandClock {
-  std::atomic<int64_t> now{1000};
-  std::atomic<int> reads{0};
-  EyeIdle::Clock clock() {
-    return [this] {
-      ++reads;
-      return now.load();
-    };
-  }
-  // Lets the runner look a few times at the unchanged clock.
-  bool settle() {
-    const int seen = reads;
-    return eyetest::waitUntil([&] { return reads >= seen + 5; });
-  }
-};
-
+// The runner with a clock that moves only when the test says so.
 class IdleRunnerTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -183,96 +249,87 @@ class IdleRunnerTest : public ::testing::Test {
                                    EyeContentType::COLOR, "SILVER"),
               0);
     EyeEvent::AddListener(&recorder, false);
-    settings.saccadeMinIntervalMs = 40;
-    settings.saccadeMaxIntervalMs = 120;
-    settings.blinkMinIntervalMs = 200;
-    settings.blinkMaxIntervalMs = 400;
-    settings.microSaccadePixels = 0;
-    settings.seed = 5;
   }
   void TearDown() override {
     EyeIdle::stop();
     eyetest::stopWorker();
     EyeEvent::RemoveListener(&recorder);
   }
-
+  // Lets the runner look a few times at the unchanged clock.
+  bool settle() {
+    const int seen = reads;
+    return eyetest::waitUntil([&] { return reads >= seen + 5; });
+  }
   // Moves the clock a frame at a time until `done`.
   bool advanceUntil(const std::function<bool()>& done) {
-    return eyetest::waitUntil([&] {
-      if (done()) return true;
-      clock.now += 40;
-      return false;
-    });
+    return eyetest::waitUntil([&] { return done() || (now += 40, false); });
   }
   size_t idleStarts() {
     size_t n = 0;
-    for (const auto& e : recorder.events())
-      n += e.kind == Recorder::START && EyeIdle::isIdleId(e.id);
+    for (const auto& e : recorder.events()) n += e.kind == Recorder::START && e.id != 7;
     return n;
   }
 
   Recorder recorder;
-  HandClock clock;
-  IdleSettings settings;
+  std::atomic<int64_t> now{1000};
+  std::atomic<int> reads{0};
 };
 
-TEST_F(IdleRunnerTest, ListenersHearIdlePlaysAndStopLeavesNothingPlaying) {
-  ASSERT_EQ(EyeIdle::start(settings, clock.clock()), 0);
+TEST_F(IdleRunnerTest, ApplicationWinsIdleResumesAfterTheQuietTimeAndStopEndsItAll) {
+  IdleSettings settings;
+  settings.saccadeMinIntervalMs = 40, settings.saccadeMaxIntervalMs = 120;
+  settings.blinkMinIntervalMs = 200, settings.blinkMaxIntervalMs = 400;
+  settings.microSaccadePixels = 0, settings.seed = 5;
+  ASSERT_EQ(EyeIdle::start(settings, [this] { return ++reads, now.load(); }), 0);
   EXPECT_TRUE(EyeIdle::isRunning());
-  ASSERT_TRUE(advanceUntil([&] { return recorder.events().size() >= 5; }));
-  EyeIdle::stop();
-  EXPECT_FALSE(EyeIdle::isRunning());
-  EXPECT_FALSE(EyeControl::isAnimating());
-
-  // Start, then completion (or abort for the play stop() cut short), with ids of their own.
-  const auto events = recorder.events();
-  ASSERT_EQ(events.size() % 2, 0u);
-  for (size_t i = 0; i < events.size(); i += 2) {
-    SCOPED_TRACE(i);
-    EXPECT_TRUE(EyeIdle::isIdleId(events[i].id));
-    EXPECT_EQ(events[i].kind, Recorder::START);
-    EXPECT_NE(events[i + 1].kind, Recorder::START);
-    EXPECT_EQ(events[i + 1].id, events[i].id);
-    if (i > 0) {
-      EXPECT_NE(events[i].id, events[i - 2].id);
-    }
-  }
-}
-
-TEST_F(IdleRunnerTest, ApplicationWinsAndIdleResumesAfterTheQuietTime) {
-  ASSERT_EQ(EyeIdle::start(settings, clock.clock()), 0);
-  ASSERT_TRUE(advanceUntil([&] { return idleStarts() >= 1; }));
+  ASSERT_TRUE(advanceUntil([&] { return idleStarts() >= 2; }));
 
   ASSERT_EQ(EyeControl::setAnimation(7, "look_left"), 0);
   // The clock runs on while the application plays: the quiet time counts from its end.
-  auto appDone = [&] {
-    const auto e = recorder.events();
-    return std::find(e.begin(), e.end(), Recorder::Event{Recorder::COMPLETE, 7}) != e.end();
+  const Recorder::Event appDone{Recorder::COMPLETE, 7};
+  auto seen = [&](Recorder::Event e) {
+    const auto events = recorder.events();
+    return std::find(events.begin(), events.end(), e) != events.end();
   };
-  for (int frame = 0; frame < 2000 && !appDone(); ++frame) {
-    clock.now += 40;
-    ASSERT_TRUE(clock.settle());
+  for (int frame = 0; frame < 2000 && !seen(appDone); ++frame) {
+    now += 40;
+    ASSERT_TRUE(settle());
   }
-  ASSERT_TRUE(appDone());
+  ASSERT_TRUE(seen(appDone));
   const size_t startsBefore = idleStarts();
-  const int64_t quietFrom = clock.now - 40;  // the runner saw this frame still busy
-  clock.now = quietFrom + settings.quietMs - 40;
-  ASSERT_TRUE(clock.settle());
+  const int64_t quietFrom = now - 40;  // the runner saw this frame still busy
+  now = quietFrom + settings.quietMs - 40;
+  ASSERT_TRUE(settle());
   EXPECT_EQ(idleStarts(), startsBefore) << "idle came back inside the quiet time";
-  for (const auto& e : recorder.events()) EXPECT_FALSE(e == (Recorder::Event{Recorder::ABORT, 7}));
-
+  EXPECT_FALSE(seen({Recorder::ABORT, 7}));
   ASSERT_TRUE(advanceUntil([&] { return idleStarts() > startsBefore; }));
-  EXPECT_GE(clock.now, quietFrom + settings.quietMs);
+  EXPECT_GE(now, quietFrom + settings.quietMs);
 
   // A command takes the eyes as well: it is not drawn over while the quiet time runs.
   EyeControl::setPosition(EyeSide::LEFT, 60, 150, 1.0f, 1.0f, 0, 240);
   const size_t startsAtCommand = idleStarts();
-  ASSERT_TRUE(clock.settle());
-  clock.now += settings.quietMs - 40;
-  ASSERT_TRUE(clock.settle());
+  ASSERT_TRUE(settle());
+  now += settings.quietMs - 40;
+  ASSERT_TRUE(settle());
   EXPECT_EQ(EyeControl::Left_Eye.getIrisX(), 60);
   EXPECT_EQ(EyeControl::Left_Eye.getIrisY(), 150);
   EXPECT_EQ(idleStarts(), startsAtCommand);
+
+  EyeIdle::stop();
+  EXPECT_FALSE(EyeIdle::isRunning());
+  EXPECT_FALSE(EyeControl::isAnimating());
+  // Each idle play starts, then completes or aborts, under an id of its own.
+  std::vector<Recorder::Event> events;
+  for (const auto& e : recorder.events())
+    if (EyeIdle::isIdleId(e.id)) events.push_back(e);
+  ASSERT_EQ(events.size() % 2, 0u);
+  for (size_t i = 0; i < events.size(); i += 2) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(events[i].kind, Recorder::START);
+    EXPECT_NE(events[i + 1].kind, Recorder::START);
+    EXPECT_EQ(events[i + 1].id, events[i].id);
+    EXPECT_TRUE(i == 0 || events[i].id != events[i - 2].id);
+  }
 }
 
 }  // namespace
