@@ -1,14 +1,19 @@
 // The fast composer against the per-pixel rules: random scenes must give the same
-// bytes, on every instruction set the machine has, without allocating.
+// bytes, on every instruction set the machine has, without allocating. Then the eye
+// around it: animation ticks, lid indexes, one composition of an eye at a time.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cstdint>
+#include <memory>
 #include <random>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "AllocationCounter.h"
+#include "EyeSideAnimation.h"
 #include "Eyes.h"
 #include "LcdControl.h"
 #include "ReferenceComposer.h"
@@ -24,32 +29,23 @@ struct Rng {
   static constexpr result_type min() { return 0; }
   static constexpr result_type max() { return UINT32_MAX; }
   result_type operator()() {
-    state ^= state << 13;
-    state ^= state >> 7;
-    state ^= state << 17;
+    state ^= state << 13, state ^= state >> 7, state ^= state << 17;
     return static_cast<result_type>(state >> 16);
   }
+  int uniform(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(*this); }
+  bool chance(int percent) { return uniform(0, 99) < percent; }
+  // Colour channels are 4-bit values; a few images break that to show the arithmetic
+  // holds for any byte.
+  uint8_t channel(bool wide) { return static_cast<uint8_t>((*this)() & (wide ? 255 : 15)); }
   uint64_t state;
 };
-
-int uniform(Rng& rng, int lo, int hi) {
-  return std::uniform_int_distribution<int>(lo, hi)(rng);
-}
-bool chance(Rng& rng, int percent) {
-  return uniform(rng, 0, 99) < percent;
-}
-// Colour channels are 4-bit values; a few images break that to show the arithmetic
-// holds for any byte.
-uint8_t randomChannel(Rng& rng, bool wide) {
-  return static_cast<uint8_t>(wide ? rng() & 255 : rng() & 15);
-}
 
 // Alpha as real images have it: a disc with a soft rim, bands around the thresholds,
 // all-or-nothing, and now and then anything at all. Clear pixels are often all zero.
 void fillRgba(Rng& rng, std::vector<uint8_t>& frame, int w, int h) {
   static const uint8_t edge[] = {0, 1, 248, 249, 250, 251, 254, 255, 128};
-  const int style = uniform(rng, 0, 3);
-  const bool wide = chance(rng, 10), zeroClear = chance(rng, 50);
+  const int style = rng.uniform(0, 3);
+  const bool wide = rng.chance(10), zeroClear = rng.chance(50);
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
       uint8_t* p = &frame[(static_cast<size_t>(y) * w + x) * 4];
@@ -58,7 +54,7 @@ void fillRgba(Rng& rng, std::vector<uint8_t>& frame, int w, int h) {
              : style == 1 ? (500 <= d && d <= 700 ? static_cast<uint8_t>(rng()) : (d < 500) * 255)
              : style == 2 ? edge[(x / 8 + y) % 9]
                           : ((rng() & 1) != 0 ? 255 : 0);
-      for (int c = 0; c < 3; ++c) p[c] = zeroClear && p[3] == 0 ? 0 : randomChannel(rng, wide);
+      for (int c = 0; c < 3; ++c) p[c] = zeroClear && p[3] == 0 ? 0 : rng.channel(wide);
     }
 }
 
@@ -68,32 +64,31 @@ void randomRgbaImage(Rng& rng, VContent& image, int w, int h) {
   image = VContent{};
   image.width = static_cast<uint16_t>(w);
   image.height = static_cast<uint16_t>(h);
-  const int frames = chance(rng, 8) ? 0 : uniform(rng, 1, 2);
+  const int frames = rng.chance(8) ? 0 : rng.uniform(1, 2);
   for (int f = 0; f < frames; ++f) {
     size_t bytes = static_cast<size_t>(w) * h * 4;
-    if (chance(rng, 5)) bytes -= std::min<size_t>(bytes, 4 * uniform(rng, 1, 3));
-    if (chance(rng, 10)) bytes += 4 * uniform(rng, 1, 64);
+    if (rng.chance(5)) bytes -= std::min<size_t>(bytes, 4 * rng.uniform(1, 3));
+    if (rng.chance(10)) bytes += 4 * rng.uniform(1, 64);
     image.frames.emplace_back(bytes, 0);
     fillRgba(rng, image.frames.back(), w,
              static_cast<int>(std::min<size_t>(bytes / 4 / std::max(w, 1), h)));
   }
   image.frameIndex =
-      static_cast<uint16_t>(frames == 0 ? 0 : uniform(rng, 0, frames - (chance(rng, 5) ? 0 : 1)));
+      static_cast<uint16_t>(frames == 0 ? 0 : rng.uniform(0, frames - (rng.chance(5) ? 0 : 1)));
 }
 
 float randomScale(Rng& rng, int size) {
   static const float fixed[] = {1.0f, 1.0f, 0.5f, 1.1f, 1.3f, 2.0f, 2.5f, 0.01f, 3.7f};
-  const int kind = uniform(rng, 0, 3);
+  const int kind = rng.uniform(0, 3);
   if (kind == 0)  // lands on the image size without being 1
     return (static_cast<float>(size) + 0.5f) / static_cast<float>(std::max(size, 1));
   return kind == 1 ? std::uniform_real_distribution<float>(0.05f, 3.0f)(rng)
-                   : fixed[uniform(rng, 0, 8)];
+                   : fixed[rng.uniform(0, 8)];
 }
 
 struct Scene {
   VContent background, iris, topLid, bottomLid;
-  uint8_t topFill[4] = {0, 0, 0, 0};
-  uint8_t bottomFill[4] = {0, 0, 0, 0};
+  uint8_t topFill[4] = {}, bottomFill[4] = {};
   float scaleX = 1, scaleY = 1;
   int x = 0, y = 0;
   short topLidY = 0, bottomLidY = 240;
@@ -103,58 +98,56 @@ void randomScene(Rng& rng, Scene& s, Eyes& eye) {
   // Background: nearly always whole (new content now and then: filling it is the
   // slowest part of a scene), sometimes missing or short (black).
   static std::vector<uint8_t> content;
-  if (content.empty() || chance(rng, 5)) {
+  if (content.empty() || rng.chance(5)) {
     content.resize(static_cast<size_t>(N) * N * 3);
-    const bool wide = chance(rng, 10);
-    for (uint8_t& b : content) b = randomChannel(rng, wide);
+    const bool wide = rng.chance(10);
+    for (uint8_t& b : content) b = rng.channel(wide);
   }
   s.background = VContent{};
-  if (!chance(rng, 5)) {
+  if (!rng.chance(5)) {
     s.background.frames.push_back(content);
-    if (chance(rng, 3)) s.background.frames.back().resize(content.size() - 3);
+    if (rng.chance(3)) s.background.frames.back().resize(content.size() - 3);
   }
 
   // Tiny irises reach past their image when sampled; big ones pass the 8-bit counters.
-  int w = uniform(rng, 4, 160), h = uniform(rng, 4, 160);
-  if (chance(rng, 10)) w = uniform(rng, 1, 3), h = uniform(rng, 1, 3);
-  if (chance(rng, 10)) (chance(rng, 50) ? w : h) = uniform(rng, 200, 400);
+  int w = rng.uniform(4, 160), h = rng.uniform(4, 160);
+  if (rng.chance(10)) w = rng.uniform(1, 3), h = rng.uniform(1, 3);
+  if (rng.chance(10)) (rng.chance(50) ? w : h) = rng.uniform(200, 400);
   randomRgbaImage(rng, s.iris, w, h);
   s.scaleX = randomScale(rng, w);
-  s.scaleY = chance(rng, 50) ? s.scaleX : randomScale(rng, h);
+  s.scaleY = rng.chance(50) ? s.scaleX : randomScale(rng, h);
   // Anywhere from far off the panel to its middle; mostly where part of it shows.
-  s.x = chance(rng, 15) ? uniform(rng, -400, 640) : uniform(rng, -60, 300);
-  s.y = chance(rng, 15) ? uniform(rng, -400, 640) : uniform(rng, -60, 300);
+  s.x = rng.chance(15) ? rng.uniform(-400, 640) : rng.uniform(-60, 300);
+  s.y = rng.chance(15) ? rng.uniform(-400, 640) : rng.uniform(-60, 300);
 
   // Lids: whole new images now and then, otherwise a fresh cut of the last ones.
   static VContent lidStock[2];
   for (int k = 0; k < 2; ++k) {
     VContent& lid = k == 0 ? s.topLid : s.bottomLid;
-    const int lidH = chance(rng, 10) ? 0 : uniform(rng, 1, 120);
-    if (lidStock[k].frames.empty() || chance(rng, 10)) randomRgbaImage(rng, lidStock[k], N, 120);
+    const int lidH = rng.chance(10) ? 0 : rng.uniform(1, 120);
+    if (lidStock[k].frames.empty() || rng.chance(10)) randomRgbaImage(rng, lidStock[k], N, 120);
     lid = lidStock[k];
     lid.height = static_cast<uint16_t>(lidH);
     for (std::vector<uint8_t>& frame : lid.frames)
-      if (chance(rng, 70)) frame.resize(std::min(frame.size(), static_cast<size_t>(N) * lidH * 4));
+      if (rng.chance(70)) frame.resize(std::min(frame.size(), static_cast<size_t>(N) * lidH * 4));
   }
   static const uint8_t alphas[] = {0, 255, 250, 249, 100, 1};
   for (uint8_t* fill : {s.topFill, s.bottomFill}) {
-    for (int c = 0; c < 3; ++c) fill[c] = randomChannel(rng, false);
-    fill[3] = alphas[uniform(rng, 0, 5)];
+    for (int c = 0; c < 3; ++c) fill[c] = rng.channel(false);
+    fill[3] = alphas[rng.uniform(0, 5)];
   }
-  s.topLidY = static_cast<short>(chance(rng, 15) ? uniform(rng, -300, 600) : uniform(rng, -5, 245));
-  s.bottomLidY =
-      static_cast<short>(chance(rng, 15) ? uniform(rng, -300, 600) : uniform(rng, -5, 245));
+  s.topLidY = static_cast<short>(rng.chance(15) ? rng.uniform(-300, 600) : rng.uniform(-5, 245));
+  s.bottomLidY = static_cast<short>(rng.chance(15) ? rng.uniform(-300, 600) : rng.uniform(-5, 245));
 
-  eye.isLeft = chance(rng, 50);
-  eye.offsetX =
-      static_cast<int8_t>(chance(rng, 80) ? uniform(rng, -10, 10) : uniform(rng, -128, 127));
-  eye.offsetY = static_cast<int8_t>(uniform(rng, -10, 10));
-  eye.background = chance(rng, 3) ? nullptr : &s.background;
-  eye.iris = chance(rng, 3) ? nullptr : &s.iris;
-  eye.topLid = chance(rng, 5) ? nullptr : &s.topLid;
-  eye.bottomLid = chance(rng, 5) ? nullptr : &s.bottomLid;
-  eye.topLidColor = chance(rng, 10) ? nullptr : s.topFill;
-  eye.bottomLidColor = chance(rng, 10) ? nullptr : s.bottomFill;
+  eye.isLeft = rng.chance(50);
+  eye.offsetX = static_cast<int8_t>(rng.chance(80) ? rng.uniform(-10, 10) : rng.uniform(-128, 127));
+  eye.offsetY = static_cast<int8_t>(rng.uniform(-10, 10));
+  eye.background = rng.chance(3) ? nullptr : &s.background;
+  eye.iris = rng.chance(3) ? nullptr : &s.iris;
+  eye.topLid = rng.chance(5) ? nullptr : &s.topLid;
+  eye.bottomLid = rng.chance(5) ? nullptr : &s.bottomLid;
+  eye.topLidColor = rng.chance(10) ? nullptr : s.topFill;
+  eye.bottomLidColor = rng.chance(10) ? nullptr : s.bottomFill;
 }
 
 std::vector<eyeframe::Isa> availableIsas() {
@@ -175,30 +168,29 @@ class ComposerEquivalenceTest : public ::testing::Test {
     for (bool left : {true, false}) Eyes(left, 0, 0).set_Frame_12Bit(1, 1, 0, 0, 0, 240);
   }
   void TearDown() override { eyeframe::selectIsa(initial_); }
-
-  // Every instruction set composes the scene into the reference's bytes, allocating nothing.
-  static void expectReferenceBytes(Eyes& eye, const Scene& s, const std::string& what) {
-    const long allocated = eyetest::threadAllocations().count;
-    std::vector<uint8_t> expected(Eyes::kFrameBytes);
-    ASSERT_GT(eyetest::threadAllocations().count, allocated) << "allocations go uncounted";
-    eyetest::referenceCompose(eye, s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY,
-                              expected.data());
-    for (eyeframe::Isa isa : availableIsas()) {
-      ASSERT_TRUE(eyeframe::selectIsa(isa));
-      const long before = eyetest::threadAllocations().count;
-      EXPECT_EQ(eye.set_Frame_12Bit(s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY), 0);
-      EXPECT_EQ(eyetest::threadAllocations().count, before) << what << " allocated";
-      const std::vector<uint8_t> actual = LcdControl::lastFrame(eye.isLeft ? 0 : 1);
-      size_t i = 0;
-      while (i < actual.size() && i < expected.size() && actual[i] == expected[i]) ++i;
-      ASSERT_EQ(actual, expected) << what << " on " << eyeframe::isaName(isa)
-                                  << ", first difference at pixel " << i * 2 / 3 % N << ","
-                                  << i * 2 / 3 / N;
-    }
-  }
-
   const eyeframe::Isa initial_ = eyeframe::activeIsa();
 };
+
+// Every instruction set composes the scene into the reference's bytes, allocating nothing.
+void expectReferenceBytes(Eyes& eye, const Scene& s, const std::string& what) {
+  const long allocated = eyetest::threadAllocations().count;
+  std::vector<uint8_t> expected(Eyes::kFrameBytes);
+  ASSERT_GT(eyetest::threadAllocations().count, allocated) << "allocations go uncounted";
+  eyetest::referenceCompose(eye, s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY,
+                            expected.data());
+  for (eyeframe::Isa isa : availableIsas()) {
+    ASSERT_TRUE(eyeframe::selectIsa(isa));
+    const long before = eyetest::threadAllocations().count;
+    EXPECT_EQ(eye.set_Frame_12Bit(s.scaleX, s.scaleY, s.x, s.y, s.topLidY, s.bottomLidY), 0);
+    EXPECT_EQ(eyetest::threadAllocations().count, before) << what << " allocated";
+    const std::vector<uint8_t> actual = LcdControl::lastFrame(eye.isLeft ? 0 : 1);
+    size_t i = 0;
+    while (i < actual.size() && i < expected.size() && actual[i] == expected[i]) ++i;
+    ASSERT_EQ(actual, expected) << what << " on " << eyeframe::isaName(isa)
+                                << ", first difference at pixel " << i * 2 / 3 % N << ","
+                                << i * 2 / 3 / N;
+  }
+}
 
 TEST_F(ComposerEquivalenceTest, RandomScenesMatchThePerPixelRules) {
   ASSERT_FALSE(availableIsas().empty());
@@ -210,8 +202,8 @@ TEST_F(ComposerEquivalenceTest, RandomScenesMatchThePerPixelRules) {
   for (int n = 0; n < kScenes && !HasFatalFailure(); ++n) {
     randomScene(rng, scene, eye);
     expectReferenceBytes(eye, scene, "scene " + std::to_string(n));
-    EXPECT_EQ(eye.getIrisX(), static_cast<short>(scene.x));
-    EXPECT_EQ(eye.getBottomLidY(), scene.bottomLidY);
+    EXPECT_TRUE(eye.getIrisX() == static_cast<short>(scene.x) &&
+                eye.getBottomLidY() == scene.bottomLidY);
     irisDrawn += eye.iris != nullptr && !scene.iris.frames.empty();
   }
   // The generator must keep exercising the iris, not only its failure forms.
@@ -224,31 +216,113 @@ TEST_F(ComposerEquivalenceTest, EdgeSamplingMatchesThePerPixelRules) {
   Rng rng(7);
   Eyes eye(false, 0, 0);
   Scene scene;
-  struct Case {
-    int w, h;
-    float sx, sy;
-    size_t slack;
-  };
-  const Case cases[] = {{1, 1, 7.0f, 3.0f, 0},     {1, 40, 5.0f, 1.5f, 0},
-                        {40, 1, 1.5f, 9.0f, 0},    {2, 2, 100.0f, 0.7f, 0},
-                        {33, 17, 1.0f, 2.0f, 4},   {300, 300, 0.9f, 0.9f, 0},
-                        {120, 120, 0.4f, 2.6f, 8}, {5, 260, 30.0f, 1.0f, 0}};
   scene.background.frames.emplace_back(static_cast<size_t>(N) * N * 3, 3);
   eye.background = &scene.background;
   eye.iris = &scene.iris;
-  for (const Case& c : cases) {
+  for (auto [w, h, sx, sy, slack] :
+       {std::make_tuple(1, 1, 7.0f, 3.0f, 0), std::make_tuple(1, 40, 5.0f, 1.5f, 0),
+        std::make_tuple(40, 1, 1.5f, 9.0f, 0), std::make_tuple(2, 2, 100.0f, 0.7f, 0),
+        std::make_tuple(33, 17, 1.0f, 2.0f, 4), std::make_tuple(300, 300, 0.9f, 0.9f, 0),
+        std::make_tuple(120, 120, 0.4f, 2.6f, 8), std::make_tuple(5, 260, 30.0f, 1.0f, 0)}) {
     scene.iris = VContent{};
-    scene.iris.width = static_cast<uint16_t>(c.w);
-    scene.iris.height = static_cast<uint16_t>(c.h);
+    scene.iris.width = static_cast<uint16_t>(w);
+    scene.iris.height = static_cast<uint16_t>(h);
     // Slack that a pinned read would show.
-    scene.iris.frames.emplace_back(static_cast<size_t>(c.w) * c.h * 4 + c.slack * 4, 255);
-    fillRgba(rng, scene.iris.frames[0], c.w, c.h);
-    scene.scaleX = c.sx, scene.scaleY = c.sy;
+    scene.iris.frames.emplace_back(static_cast<size_t>(w) * h * 4 + slack * 4, 255);
+    fillRgba(rng, scene.iris.frames[0], w, h);
+    scene.scaleX = sx, scene.scaleY = sy;
     for (int x : {120, 3, 236}) {
       scene.x = x, scene.y = 240 - x;
       expectReferenceBytes(eye, scene, "edge case");
     }
   }
+}
+
+// One eye around its composer: animation ticks that step image sequences and redraw
+// only what changed, lid indexes, and one composition of an eye at a time.
+using ComposerTest = ComposerEquivalenceTest;
+
+// A sequence of `count` plain frames, frame f grey (base + f).
+VContent greys(int size, int count, uint8_t base, bool alpha) {
+  VContent out;
+  for (int f = 0; f < count; ++f)
+    out.AddFrame("frame", size, size, alpha, false, base + f, base + f, base + f, 255);
+  return out;
+}
+
+TEST_F(ComposerTest, AnimationFramesTickSequencesAndDrawOnlyChanges) {
+  LcdControl::resetCounters();
+  Eyes eye(true, 100, 140);
+  VContent previous = greys(10, 1, 0, true), iris = greys(10, 3, 0, true), topLid;
+  VContent background = greys(N, 2, 10, false);
+  iris.loop = 2;  // two plays, then the last frame stays
+  iris.frameIndex = 2;
+  background.ratio = 2;  // each frame held two ticks, for ever
+  eye.iris = &previous;
+  eye.irisSeq = SequenceState{5, 5, 5};
+  eye.topLid = &topLid;
+  topLid.frameIndex = 3;
+  eye.topLidSeq = SequenceState{3, 1, 2};
+
+  // A still keyframe held for ten frames; only the image sequences move. Frames shown
+  // as iris frame * 10 + background frame.
+  EyeSideAnimation track;
+  track.events.push_back(moveEvent(555, 555, 0, 400, 555.0f, 555.0f, 40.0, 0, 240, 0, 0, 0, 0));
+  std::vector<int> results, shown;
+  for (int call = 0; call < 8; ++call) {
+    results.push_back(eye.setAnimationFrame(&track, &iris, &background));
+    shown.push_back(iris.frameIndex * 10 + background.frameIndex);
+  }
+  EXPECT_EQ(shown, (std::vector<int>{10, 21, 0, 10, 21, 20, 20, 21}));
+  // The first call draws for the new iris; the eighth finds nothing changed.
+  EXPECT_EQ(results, (std::vector<int>{1, 1, 1, 1, 1, 1, 1, 0}));
+  EXPECT_EQ(LcdControl::framesWritten(0), 7u);
+  // Drawn with the frames shown before the tick advanced them: iris 2, background 0.
+  const std::vector<uint8_t> drawn = LcdControl::unpack12Bit(LcdControl::lastFrame(0).data());
+  EXPECT_EQ(drawn[(140 * N + 100) * 3] / 17 * 100 + drawn[0] / 17, 2 * 100 + 10);
+  EXPECT_TRUE(eye.iris == &iris && eye.irisSeq.loopsDone == 1);
+
+  int result = 0;
+  for (int call = 0; call < 20 && result != 2; ++call)
+    result = eye.setAnimationFrame(&track, &iris, &background);
+  EXPECT_TRUE(result == 2 && track.finished);
+  // The end puts the lid sequences back to their start.
+  EXPECT_TRUE(topLid.frameIndex == 0 && eye.topLidSeq.loopsDone == 0 && eye.topLidSeq.tick == 1);
+  // A track without events has ended before it starts.
+  EyeSideAnimation empty;
+  const uint64_t written = LcdControl::framesWritten(0);
+  EXPECT_EQ(eye.setAnimationFrame(&empty, &iris, &background), 2);
+  EXPECT_EQ(LcdControl::framesWritten(0), written);
+  // A lid index restarts only its own sequence.
+  eye.topLidSeq = eye.bottomLidSeq = SequenceState{4, 2, 7};
+  eye.SetLidIndex(3, true);
+  EXPECT_TRUE(eye.topLidIndex == 3 && eye.topLidSeq.tick == 1 && eye.bottomLidSeq.tick == 7);
+}
+
+// Notes whether the eye counted as busy while its frame was written.
+struct BusyProbe : LcdOutput {
+  explicit BusyProbe(const Eyes& eye) : eye(eye) {}
+  std::string describe() const override { return "probe"; }
+  int open_() override { return 0; }
+  int write_(uint8_t, const uint8_t*) override { return busyWhileWriting = eye.busy, 0; }
+  const Eyes& eye;
+  bool busyWhileWriting = false;
+};
+
+TEST_F(ComposerTest, ACompositionWaitsWhileTheEyeIsBusyAndHoldsItBusyItself) {
+  LcdControl::resetCounters();
+  Eyes eye(true, 100, 140);
+  auto probe = std::make_unique<BusyProbe>(eye);
+  const BusyProbe& p = *probe;
+  ASSERT_EQ(LcdControl::setOutput(std::move(probe)), 0);
+  eye.busy = true;  // as if another caller were composing this eye
+  std::thread caller([&] { eye.set_Frame_12Bit(1.0f, 1.0f, 200, 200, 0, 240); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(LcdControl::framesWritten(0), 0u);
+  eye.busy = false;
+  caller.join();
+  EXPECT_TRUE(LcdControl::framesWritten(0) == 1 && p.busyWhileWriting && !eye.busy);
+  ASSERT_EQ(LcdControl::init(LCD_COLOR_DEPTH_12BIT), 0);
 }
 
 }  // namespace

@@ -15,64 +15,54 @@
 
 namespace eyetest {
 
-namespace reference_detail {
-
-inline const std::vector<uint8_t>* currentFrame(const VContent* image) {
+// The frame shown now, or null when the image has none to show.
+inline const std::vector<uint8_t>* referenceFrame(const VContent* image) {
   if (image == nullptr || image->frameIndex >= image->frames.size()) return nullptr;
   return &image->frames[image->frameIndex];
 }
 
-inline int truncateToInt(float value) {
+// A float truncated toward zero, saturating at the ends of int; NaN gives 0.
+inline int referenceTruncate(float value) {
   if (std::isnan(value)) return 0;
   if (value >= 2147483520.0f) return std::numeric_limits<int>::max();
   if (value <= -2147483648.0f) return std::numeric_limits<int>::min();
   return static_cast<int>(value);
 }
 
-}  // namespace reference_detail
-
 // Composes the frame `eye.set_Frame_12Bit(scaleX, scaleY, x, y, topLidY, bottomLidY)`
 // shows into `out` (Eyes::kFrameBytes bytes). Changes nothing in the eye and writes
 // nothing to the panel.
 inline void referenceCompose(Eyes& eye, float scaleX, float scaleY, int x, int y, short topLidY,
                              short bottomLidY, uint8_t* out) {
-  using reference_detail::currentFrame;
-  using reference_detail::truncateToInt;
   constexpr int kSize = Eyes::kSize;
 
   const long long centreX = eye.isLeft ? static_cast<long long>(x) - eye.offsetX
                                        : static_cast<long long>(x) + eye.offsetX;
   const long long centreY = static_cast<long long>(y) + eye.offsetY;
 
-  const std::vector<uint8_t>* irisFrame = currentFrame(eye.iris);
+  const std::vector<uint8_t>* irisFrame = referenceFrame(eye.iris);
   const int irisW = eye.iris != nullptr ? eye.iris->width : 0;
   const int irisH = eye.iris != nullptr ? eye.iris->height : 0;
-  const int scaledW = truncateToInt(static_cast<float>(irisW) * scaleX);
-  const int scaledH = truncateToInt(static_cast<float>(irisH) * scaleY);
+  const int scaledW = referenceTruncate(static_cast<float>(irisW) * scaleX);
+  const int scaledH = referenceTruncate(static_cast<float>(irisH) * scaleY);
   const bool irisShown = irisFrame != nullptr && irisW > 0 && irisH > 0 && scaledW > 0 &&
                          scaledH > 0 && irisFrame->size() >= static_cast<size_t>(irisW) * irisH * 4;
   const float ratioX = irisShown ? static_cast<float>(irisW - 1) / static_cast<float>(scaledW) : 0;
   const float ratioY = irisShown ? static_cast<float>(irisH - 1) / static_cast<float>(scaledH) : 0;
   const bool unscaled = irisW == scaledW && irisH == scaledH;
-  const long long left = centreX - scaledW / 2;
-  const long long top = centreY - scaledH / 2;
-  const long long right = left + scaledW;
-  const long long bottom = top + scaledH;
+  const long long left = centreX - scaledW / 2, right = left + scaledW;
+  const long long top = centreY - scaledH / 2, bottom = top + scaledH;
 
   // Bilinear neighbours past the end of the frame carry weight 0; a zero-padded copy
   // keeps setResizedPixel's reads inside memory without changing a result.
   std::vector<uint8_t> padded;
-  const uint8_t* irisPixels = nullptr;
-  if (irisShown) {
-    irisPixels = irisFrame->data();
-    if (!unscaled) {
-      padded.assign(irisFrame->begin(), irisFrame->end());
-      padded.resize(padded.size() + (static_cast<size_t>(irisW) + 2) * 4, 0);
-      irisPixels = padded.data();
-    }
+  if (irisShown && !unscaled) {
+    padded.assign(irisFrame->begin(), irisFrame->end());
+    padded.resize(padded.size() + (static_cast<size_t>(irisW) + 2) * 4, 0);
   }
+  const uint8_t* irisPixels = !irisShown ? nullptr : unscaled ? irisFrame->data() : padded.data();
 
-  const std::vector<uint8_t>* backgroundFrame = currentFrame(eye.background);
+  const std::vector<uint8_t>* backgroundFrame = referenceFrame(eye.background);
   if (backgroundFrame != nullptr &&
       backgroundFrame->size() < static_cast<size_t>(kSize) * kSize * 3)
     backgroundFrame = nullptr;
