@@ -66,24 +66,19 @@ inline void referenceCompose(Eyes& eye, float scaleX, float scaleY, int x, int y
   if (backgroundFrame != nullptr &&
       backgroundFrame->size() < static_cast<size_t>(kSize) * kSize * 3)
     backgroundFrame = nullptr;
-  const unsigned char black[3] = {0, 0, 0};
 
   uint8_t row = top < 0 ? static_cast<uint8_t>(-top) : 0;
   const uint8_t firstCol = left < 0 ? static_cast<uint8_t>(-left) : 0;
-  bool irisRowsStarted = false;
+  bool irisRowsStarted = false, half = true;
   size_t pos = 0;
-  bool half = true;
 
   for (int py = 0; py < kSize; ++py) {
     uint8_t col = firstCol;
     const bool irisRow = irisShown && top <= py && py < bottom;
     for (int px = 0; px < kSize; ++px) {
-      unsigned char bg[3];
-      std::memcpy(bg,
-                  backgroundFrame != nullptr
-                      ? backgroundFrame->data() + (static_cast<size_t>(py) * kSize + px) * 3
-                      : black,
-                  3);
+      unsigned char bg[3] = {0, 0, 0};  // black without a background
+      if (backgroundFrame != nullptr)
+        std::memcpy(bg, backgroundFrame->data() + (static_cast<size_t>(py) * kSize + px) * 3, 3);
       unsigned char pixel[4];
       if (irisRow && left <= px && px < right) {
         if (unscaled)
