@@ -1,6 +1,6 @@
-// Colour table and utility helpers: names, paths, clock, split.
+// Colour table and path kinds. (The other helpers, a clock and a getline loop, are used by
+// every timed play and every catalogue read.)
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -44,21 +44,4 @@ TEST(HelperTest, PathInfoTellsFilesDirectoriesOthersAndNothing) {
                             {"", 0}})
     EXPECT_EQ(Helper::getPathInfo(path.c_str()), kind) << path;
   EXPECT_EQ(Helper::getPathInfo(nullptr), 0);
-}
-
-TEST(HelperTest, ClockIsTheMonotonicClockInMilliseconds) {
-  const int64_t start = Helper::clock_ms();
-  struct timespec now {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const int64_t reference = now.tv_sec * int64_t{1000} + now.tv_nsec / 1000000;
-  EXPECT_LE(start, reference);
-  EXPECT_GE(Helper::clock_ms(), reference);
-}
-
-TEST(HelperTest, SplitFollowsGetline) {
-  using V = std::vector<std::string>;
-  const std::pair<const char*, V> cases[] = {
-      {"", {}},          {"a", {"a"}},  {"a,b,c", {"a", "b", "c"}}, {"a,,b", {"a", "", "b"}},
-      {",a", {"", "a"}}, {"a,", {"a"}}, {"a,,", {"a", ""}},         {",", {""}}};
-  for (const auto& [text, pieces] : cases) EXPECT_EQ(Helper::split(text, ','), pieces) << text;
 }
