@@ -1,7 +1,6 @@
-// Colour table and path kinds. (The other helpers, a clock and a getline loop, are used by
-// every timed play and every catalogue read.)
+// Colour table. (The helpers beside it, a clock, a path check and a getline loop, are used
+// by every timed play and every catalogue read.)
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -9,8 +8,6 @@
 #include <tuple>
 
 #include "Color.h"
-#include "EyeTestSupport.h"
-#include "Helper.h"
 
 TEST(ColorTest, EveryCodeHasAnUpperCaseNameThatMapsBackAndUnknownsAreBlack) {
   std::set<std::tuple<int, int, int>> panelColours;
@@ -25,23 +22,6 @@ TEST(ColorTest, EveryCodeHasAnUpperCaseNameThatMapsBackAndUnknownsAreBlack) {
   EXPECT_EQ(panelColours.size(), static_cast<size_t>(ColorCode::COUNT));
   for (const char* name : {"", "red", "RED ", " RED", "REDX", "COUNT", "GREY"})
     EXPECT_EQ(Color::getColorCode(name), ColorCode::BLACK) << '"' << name << '"';
-  EXPECT_EQ(Color::getColorName(static_cast<ColorCode>(200)), "");
-  const Color beyond = Color::getColor(ColorCode::COUNT);
-  EXPECT_EQ(beyond.red + beyond.green + beyond.blue, 0);
-}
-
-// 1 file, 2 directory, 3 anything else that exists (a dangling link too), 0 nothing.
-TEST(HelperTest, PathInfoTellsFilesDirectoriesOthersAndNothing) {
-  eyetest::TempDir dir;
-  const std::string file = dir.write("sub/file.xml", "<x/>"), link = dir.str() + "link";
-  ASSERT_EQ(symlink((dir.path() / "gone").c_str(), link.c_str()), 0);
-  for (auto [path, kind] : {std::pair{file, 1},
-                            {dir.str() + "sub", 2},
-                            {"/dev/null", 3},
-                            {link, 3},
-                            {dir.str() + "missing", 0},
-                            {file + "/below", 0},
-                            {"", 0}})
-    EXPECT_EQ(Helper::getPathInfo(path.c_str()), kind) << path;
-  EXPECT_EQ(Helper::getPathInfo(nullptr), 0);
+  EXPECT_EQ(Color::getColorName(ColorCode::COUNT), "");
+  EXPECT_EQ(Color::getColor(ColorCode::COUNT).green + Color::getColor(ColorCode::COUNT).red, 0);
 }

@@ -4,13 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "EyeTestSupport.h"
 #include "VContent.h"
@@ -43,16 +39,14 @@ void expectUnreadable(const std::string& path) {
   EXPECT_NE(log.errors()[0].find(path), std::string::npos) << log.errors()[0];
 }
 
-// Every test starts and ends with no base directory, so a failing test cannot leak one.
+// Every test ends with no base directory, the default, so a failing test cannot leak one.
 class VContentTest : public ::testing::Test {
  protected:
-  void SetUp() override { VContent::setBaseDirectory(""); }
   void TearDown() override { VContent::setBaseDirectory(""); }
   // Writes a w x h image of one colour to `name` under the temporary directory.
-  std::string png(const std::string& name, uint32_t w, uint32_t h, uint8_t red) {
+  void png(const std::string& name, uint32_t w, uint32_t h, uint8_t red) {
     fs::create_directories((tmp.path() / name).parent_path());
     EXPECT_TRUE(VContent::writePng(tmp.str() + name, w, h, solid(w, h, red).data(), false));
-    return tmp.str() + name;
   }
   eyetest::TempDir tmp;
 };
@@ -70,18 +64,14 @@ TEST_F(VContentTest, AddFrameFillsReducesAndKeepsTheFirstFramesSize) {
   EXPECT_EQ(log.errors().size(), 4u);
 }
 
-TEST_F(VContentTest, UnreadableFilesGiveEmptyImageAndOneErrorAsDoUnwritableOnes) {
-  std::ifstream in(png("ok.png", 16, 16, 9), std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+TEST_F(VContentTest, MissingEmptyAndSpecialFilesGiveEmptyImageAndOneErrorAsDoEmptyImagesWritten) {
+  // Broken data: the conformance suite's corrupt images.
   for (const std::string& path :
-       {tmp.str() + "missing.png", tmp.write("truncated.png", bytes.substr(0, bytes.size() / 2)),
-        tmp.write("empty.png", ""), std::string("/dev/null")})
+       {tmp.str() + "missing.png", tmp.write("empty.png", ""), std::string("/dev/null")})
     expectUnreadable(path);
-  LogCapture log;
-  const Bytes px = solid(2, 2, 0);
-  EXPECT_FALSE(VContent::writePng(tmp.str() + "no/such/dir/x.png", 2, 2, px.data(), false));
-  EXPECT_FALSE(VContent::writePng(tmp.str() + "flat.png", 0, 2, px.data(), false));
-  EXPECT_EQ(log.errors().size(), 2u);
+  LogCapture log;  // one that cannot be written: see the LCD's PNG output test
+  EXPECT_FALSE(VContent::writePng(tmp.str() + "flat.png", 0, 2, solid(2, 2, 0).data(), false));
+  EXPECT_EQ(log.errors().size(), 1u);
   EXPECT_FALSE(fs::exists(tmp.path() / "flat.png"));
 }
 
@@ -94,17 +84,14 @@ TEST_F(VContentTest, DirectorySequenceInByteOrderSkippingOtherSizesWithinThePixe
   tmp.write("blink/readme.txt", "not a frame");
 
   // Relative paths are under the base directory, which may end in a slash or not.
-  EXPECT_EQ(VContent::resolvePath("blink"), "blink");
   VContent::setBaseDirectory(tmp.str());
   EXPECT_EQ(VContent::resolvePath("a") + VContent::resolvePath("/abs"), tmp.str() + "a/abs");
   VContent seq;
   seq.path = "blink";
-  seq.frameIndex = 2;
   LogCapture log;
   seq.loadSequence();
   EXPECT_EQ(log.errors().size(), 1u);                // the 2 x 2 frame
   EXPECT_EQ(shape(seq) + seq.path, "3x2 5*4blink");  // default: with alpha, 12-bit
-  EXPECT_EQ(seq.frameIndex, 0);
   for (uint8_t i = 0; i < seq.frames.size(); ++i) EXPECT_EQ(seq.frames[i].at(0), i + 1);
   // getImage on a directory loads the same sequence, in the asked layout.
   VContent::setBaseDirectory(tmp.path().string());
@@ -133,15 +120,10 @@ TEST_F(VContentTest, SpriteSheetIsCutRowByRow) {
   sheet.path = tmp.str() + "sheet.png";
   ASSERT_TRUE(VContent::writePng(sheet.path, 7, 5, px.data(), true));
   // Cell size, frames asked for (0 = all), flags -> shape, the last frame, errors.
+  const uint8_t rgb8 = VContent::kLoadWithoutAlpha | VContent::kLoadFullDepth;
   const std::tuple<int, int, int, uint8_t, std::string, Bytes, size_t> cases[] = {
       {2, 2, 0, 0, "2x2 6*4", {4, 2, 0, 200, 5, 2, 0, 200, 4, 3, 0, 200, 5, 3, 0, 200}, 0},
-      {2,
-       2,
-       4,
-       VContent::kLoadWithoutAlpha | VContent::kLoadFullDepth,
-       "2x2 4*3",
-       {0, 32, 0, 16, 32, 0, 0, 48, 0, 16, 48, 0},
-       0},
+      {2, 2, 4, rgb8, "2x2 4*3", {0, 32, 0, 16, 32, 0, 0, 48, 0, 16, 48, 0}, 0},
       {2, 2, 9, 0, "2x2 6*4", {4, 2, 0, 200, 5, 2, 0, 200, 4, 3, 0, 200, 5, 3, 0, 200}, 1},
       {8, 2, 0, 0, "8x2 0*0", {}, 1},
       {2, 0, 0, VContent::kLoadWithoutAlpha, "7x5 1*3", {}, 0}};  // the whole sheet
@@ -188,9 +170,7 @@ TEST(PngSuite, ImagesMatchReferencePixelsAndCorruptOnesGiveEmptyImageAndOneError
     Bytes expected;
     const int shift = name.substr(name.size() - 2) == "16" ? 8 : 0;
     for (int v; numbers >> v;) expected.push_back(static_cast<uint8_t>(v >> shift));
-    LogCapture log;
     EXPECT_EQ(VContent::getImage(png, true, false).frames.at(0), expected);
-    EXPECT_TRUE(log.errors().empty()) << log.errors().front();
   }
 }
 

@@ -44,15 +44,11 @@ struct Wire {
 // the address window, and 12-bit pixel data into a 240 x 240 memory.
 class PanelModel {
  public:
-  struct Command {
-    uint8_t code;
-    Bytes params;
-    int atMs;  // time stamp from the recorded delays
-  };
-  std::vector<Command> commands;
-  std::vector<std::pair<int, int>> resets;  // of the reset line: ms held low, released at
-  std::vector<size_t> pixelsPerWrite;       // pixels streamed after each RAMWR
-  int leftoverNibbles = 0;                  // of a pixel not complete yet
+  std::vector<std::pair<uint8_t, Bytes>> commands;  // code and parameters
+  std::vector<int> commandsAtMs;                    // time stamps from the recorded delays
+  std::vector<std::pair<int, int>> resets;          // of the reset line: ms held low, released at
+  std::vector<size_t> pixelsPerWrite;               // pixels streamed after each RAMWR
+  int leftoverNibbles = 0;                          // of a pixel not complete yet
 
   // Panel memory as 8-bit RGB like LcdControl::unpack12Bit; pixels never written are
   // 1, 2, 3, which no 12-bit colour expands to.
@@ -76,7 +72,7 @@ class PanelModel {
   void softwareReset() { madctl_ = 0, colmod_ = 0x66, window_ = {0, 239, 0, 239}, ramWrite_ = 0; }
 
   void command(uint8_t code) {
-    commands.push_back({code, {}, now_});
+    commands.push_back({code, {}}), commandsAtMs.push_back(now_);
     if (code == ST7789_SWRESET) softwareReset();
     ramWrite_ = code == ST7789_RAMWR;
     if (ramWrite_)
@@ -86,13 +82,13 @@ class PanelModel {
   void data(uint8_t byte) {
     if (commands.empty()) return ADD_FAILURE() << "data byte before any command";
     if (ramWrite_) return nibble(byte >> 4), nibble(byte & 15);
-    Command& c = commands.back();
-    const Bytes& p = (c.params.push_back(byte), c.params);
-    const int at = c.code == ST7789_CASET ? 0 : 2;  // or RASET
-    if ((c.code == ST7789_CASET || c.code == ST7789_RASET) && p.size() == 4)
+    auto& [code, p] = commands.back();
+    p.push_back(byte);
+    const int at = code == ST7789_CASET ? 0 : 2;  // or RASET
+    if ((code == ST7789_CASET || code == ST7789_RASET) && p.size() == 4)
       window_[at] = p[0] << 8 | p[1], window_[at + 1] = p[2] << 8 | p[3];
-    if (c.code == ST7789_COLMOD) colmod_ = p[0];
-    if (c.code == ST7789_MADCTL) madctl_ = p[0];
+    if (code == ST7789_COLMOD) colmod_ = p[0];
+    if (code == ST7789_MADCTL) madctl_ = p[0];
   }
 
   // The controller takes red first unless MADCTL asks for blue first.
@@ -109,9 +105,8 @@ class PanelModel {
 
   Bytes memory_;
   uint8_t panel_ = 0;
-  int now_ = 0, lowSince_ = -1;
   bool ramWrite_ = false;
-  int madctl_ = 0, colmod_ = 0x66, x_ = 0, y_ = 0;
+  int now_ = 0, lowSince_ = -1, madctl_ = 0, colmod_ = 0x66, x_ = 0, y_ = 0;
   std::array<int, 4> window_{0, 239, 0, 239};  // first and last column, first and last row
   uint8_t nibbles_[3] = {};
 };
