@@ -64,7 +64,7 @@ TEST_F(VContentTest, AddFrameFillsReducesAndKeepsTheFirstFramesSize) {
   EXPECT_EQ(log.errors().size(), 4u);
 }
 
-TEST_F(VContentTest, MissingEmptyAndSpecialFilesGiveEmptyImageAndOneErrorAsDoEmptyImagesWritten) {
+TEST_F(VContentTest, MissingEmptyOrNonRegularFilesGiveEmptyImageAndEmptyImagesAreNotWritten) {
   // Broken data: the conformance suite's corrupt images.
   for (const std::string& path :
        {tmp.str() + "missing.png", tmp.write("empty.png", ""), std::string("/dev/null")})
