@@ -165,7 +165,7 @@ TEST(St7789Output, StartsUpSendsWhatChangedAndThePanelsHoldEveryFrame) {
       {ST7789_SWRESET, {}}, {ST7789_SLPOUT, {}}, {ST7789_COLMOD, {0x53}}, {ST7789_MADCTL, {0x08}},
       {ST7789_INVON, {}},   {ST7789_NORON, {}},  {ST7789_DISPON, {}}};
   for (const auto& panel : model) {
-    EXPECT_EQ(panel.commands, startUp);
+    ASSERT_EQ(panel.commands, startUp);
     ASSERT_EQ(panel.resets.size(), 1u);
     EXPECT_GE(panel.resets[0].first, 1);  // ms held low
     // 120 ms from reset to the first command and from SWRESET to SLPOUT, 5 ms after SLPOUT.
