@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 #include "EyeTestSupport.h"
 #include "Studio.h"
@@ -20,10 +21,7 @@ std::string readFile(const fs::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-const std::string kDrift =
-    R"(<Animation Id="1" Name="drift" Categories="MISC"><AnimationSide Side="Left"><Event X="60" )"
-    R"(Y="100" TimeMs="160" Wait="40" ScaleX="1.2" ScaleY="0.9" LidTopY="40" LidBotY="200" )"
-    R"(TopLidIndex="0" BotLidIndex="1" RotateAngle="0" Ellipse_H="0"/></AnimationSide></Animation>)";
+const std::string kDrift = "<Animation Id=\"1\" Name=\"drift\" Categories=\"MISC\"/>";
 
 class StudioTest : public ::testing::Test {
  protected:
@@ -39,10 +37,10 @@ class StudioTest : public ::testing::Test {
   }
   static void TearDownTestSuite() { studio.reset(); }
 
-  httplib::Result save(const json& request) {
-    httplib::Client client("127.0.0.1", port);
-    return client.Post("/api/save", {{"X-Studio-Token", studio->token()}}, request.dump(),
-                       "application/json");
+  static httplib::Result save(const json& request, httplib::Headers headers = {}) {
+    if (headers.empty()) headers = {{"X-Studio-Token", studio->token()}};
+    return httplib::Client("127.0.0.1", port)
+        .Post("/api/save", headers, request.dump(), "application/json");
   }
 
   static inline eyetest::TempDir dir;
@@ -51,47 +49,44 @@ class StudioTest : public ::testing::Test {
   static inline int port = 0;
 };
 
-json draft(const std::string& name) {
-  json event = {{"X", 60},          {"Y", 100},         {"TimeMs", 100},    {"Wait", 40},
-                {"ScaleX", 1.5},    {"ScaleY", 555},    {"LidTopY", 30},    {"LidBotY", 240},
-                {"TopLidIndex", 2}, {"BotLidIndex", 1}, {"RotateAngle", 0}, {"Ellipse_H", 0}};
-  return {{"name", name},
-          {"id", 7},
-          {"categories", {"HAPPINESS", "IDLE"}},
-          {"left", {event, event}},
-          {"right", {event}}};
+json draft(const std::string& name, const std::string& replaces = "") {
+  const json event = json::parse(
+      R"({"X": 60, "Y": 100, "TimeMs": 100, "Wait": 40, "ScaleX": 1.5, "ScaleY": 555, "LidTopY": 30,)"
+      R"( "LidBotY": 240, "TopLidIndex": 2, "BotLidIndex": 1, "RotateAngle": 0, "Ellipse_H": 0})");
+  json animation = {{"name", name}, {"id", 7}, {"categories", {"HAPPINESS", "IDLE"}}};
+  animation["left"] = {event, event};
+  animation["right"] = {event};
+  return {{"replaces", replaces}, {"animation", animation}};
 }
 
 TEST_F(StudioTest, StrangersAreRefusedAndChangeNothing) {
   const std::string own = "127.0.0.1:" + std::to_string(port), token = studio->token();
-  struct Case {
-    std::string host, origin, token;
-  } const cases[] = {{own, "", ""},
-                     {own, "", "wrong"},
-                     {own, "http://evil.example", token},
-                     {own, "http://127.0.0.1:1", token},
-                     {"evil.example:" + std::to_string(port), "", token}};
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      // Host, Origin, token
+      {own, "", ""},
+      {own, "", "wrong"},
+      {own, "http://evil.example", token},
+      {own, "http://127.0.0.1:1", token},
+      {"evil.example:" + std::to_string(port), "", token}};
   const std::string before = readFile(file);
-  httplib::Client stranger("127.0.0.1", port);
-  for (const Case& c : cases) {
-    httplib::Headers headers = {{"Host", c.host}, {"X-Studio-Token", c.token}};
-    if (!c.origin.empty()) headers.emplace("Origin", c.origin);
-    auto res = stranger.Post("/api/save", headers, json{{"animation", draft("x")}}.dump(),
-                             "application/json");
+  for (const auto& [host, origin, key] : cases) {
+    httplib::Headers headers = {{"Host", host}, {"X-Studio-Token", key}};
+    if (!origin.empty()) headers.emplace("Origin", origin);
+    auto res = save(draft("x"), headers);
     ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 403) << c.host << " " << c.origin << " " << c.token;
+    EXPECT_EQ(res->status, 403) << host << " " << origin << " " << key;
   }
   EXPECT_EQ(readFile(file), before);
-  EXPECT_EQ(stranger.Get("/", {{"Origin", "http://localhost:" + std::to_string(port)}})->status,
-            200);
+  httplib::Client page("127.0.0.1", port);
+  EXPECT_EQ(page.Get("/", {{"Origin", "http://localhost:" + std::to_string(port)}})->status, 200);
 }
 
 TEST_F(StudioTest, SavingWritesOnlyItsAnimationOnceTheCheckerPassesIt) {
   const std::string before = readFile(file);
-  auto res = save({{"animation", draft("wave")}});
+  auto res = save(draft("wave"));
   ASSERT_EQ(res->status, 200) << res->body;
   EXPECT_EQ(readFile(fs::path(file) += ".bak"), before);
-  // Every other byte stays: without the new element and its line break the file is the old one.
+  // Every other byte stays: without the new element and its lines the file is the old one.
   const auto without = [](std::string text, const std::string& element) {
     const size_t at = text.find(element);
     if (at == std::string::npos) return "no " + element + " in " + text;
@@ -102,17 +97,16 @@ TEST_F(StudioTest, SavingWritesOnlyItsAnimationOnceTheCheckerPassesIt) {
   EXPECT_NE(readFile(file).find(R"(TimeMs="100" Wait="40" ScaleX="1.5" ScaleY="555")"),
             std::string::npos);
 
-  // Refused: a name already taken, a replaced animation that is gone.
-  EXPECT_EQ(save({{"animation", draft("drift")}})->status, 409);
-  EXPECT_EQ(save({{"replaces", "gone"}, {"animation", draft("b")}})->status, 409);
-  // Renamed in place.
-  ASSERT_EQ(save({{"replaces", "wave"}, {"animation", draft("wave_2")}})->status, 200);
+  // Refused: a name already taken, a replaced animation that is gone. Renamed in place.
+  EXPECT_EQ(save(draft("drift"))->status, 409);
+  EXPECT_EQ(save(draft("b", "gone"))->status, 409);
+  ASSERT_EQ(save(draft("wave_2", "wave"))->status, 200);
   EXPECT_EQ(without(readFile(file), "  <Animation Id=\"7\" Name=\"wave_2\""), before);
 
   // A file the checker refuses is not written, and the answer says why.
   const std::string twice = "<List>" + kDrift + kDrift + "</List>";
   std::ofstream(file) << twice;
-  res = save({{"animation", draft("wave_3")}});
+  res = save(draft("wave_3"));
   EXPECT_EQ(res->status, 422);
   EXPECT_FALSE(json::parse(res->body)["findings"].empty()) << res->body;
   EXPECT_EQ(readFile(file), twice);
