@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <tuple>
 #include <vector>
 
 #include "EyeControlReset.h"
@@ -129,6 +130,15 @@ TEST(IdleMotionTest, RunsStayInRangeFollowTheIntervalsAndResumeWhereTheEyesWereL
   IdleGaze gaze;
   gaze.left.x = 100, gaze.right.x = 140, gaze.left.y = gaze.right.y = 140;
   Pose left{100, 140, 1, 1, 0, 240}, right{140, 140, 1, 1, 0, 240};
+  // A seed replays its run exactly; another seed gives another run.
+  auto trace = [&](uint64_t seed) {
+    std::vector<std::tuple<int64_t, int, float, float>> steps;
+    for (const IdleStep& s : IdleMotion::generate(settings, seed, gaze, 60))
+      steps.emplace_back(s.startMs, s.kinds, s.end.left.x, s.end.right.y);
+    return steps;
+  };
+  EXPECT_EQ(trace(7), trace(7));
+  EXPECT_NE(trace(7), trace(8));
   std::vector<int64_t> saccades, blinks;
   int doubleBlinks = 0, micros = 0, drifts = 0;
   for (const IdleStep& step : IdleMotion::generate(settings, 7, gaze, 900)) {
