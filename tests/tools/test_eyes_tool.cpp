@@ -156,6 +156,19 @@ std::string readFile(const fs::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+// Total play time of an animated WebP: the durations of its "ANMF" frame chunks, or -1.
+int webpDurationMs(const std::string& webp) {
+  const auto little = [&](size_t at, int bytes) {
+    int value = 0;
+    while (bytes-- > 0) value = value << 8 | static_cast<uint8_t>(webp[at + bytes]);
+    return value;
+  };
+  int total = 0;
+  for (size_t at = 12; at + 24 <= webp.size(); at += 8 + ((little(at + 4, 4) + 1) & ~1))
+    if (webp.compare(at, 4, "ANMF") == 0) total += little(at + 20, 3);
+  return webp.compare(0, 4, "RIFF") == 0 ? total : -1;
+}
+
 TEST(EyesProgram, CommandLine) {
   TempDir out;  // the tool runs in here
   // The exit status and what the tool wrote (stdout and stderr).
@@ -196,6 +209,7 @@ TEST(EyesProgram, CommandLine) {
       {blink + " --out /nonexistent/dir/x.webp", 2, "cannot write /nonexistent/dir/x.webp"},
       {blink + " --out x.gif", 2, "use NAME.webp"},
       {blink + " --out x.webp --every 2", 2, "--every applies to contact sheets"},
+      {blink + " --out blink.webp", 0, "blink: 6 frames"},
       {"lint broken", 1, "TopLidIndex 9 is outside"},
       {"info --config broken", 1, "have 1 error"},
       {"demo --config broken --out b", 1, "rendered, but the catalogues have errors"},
@@ -216,6 +230,7 @@ TEST(EyesProgram, CommandLine) {
     EXPECT_EQ(code, status) << arguments << "\n" << said;
     EXPECT_EQ(times, never ? 0u : 1u) << arguments << "\n" << said;
   }
+  EXPECT_EQ(webpDurationMs(readFile(out.path() / "blink.webp")), 240);  // 40 ms a frame
   // A frame directory takes only our own frames, and loses those of the last rendering.
   EXPECT_EQ(std::distance(fs::directory_iterator(out.path() / "idle"), {}), 50);
   EXPECT_EQ(std::distance(fs::directory_iterator(out.path() / "a"), {}), 3);
