@@ -98,10 +98,10 @@ style="X"/></Background_Type></List>)");
 }
 
 TEST_F(Catalogue, EyelidsAreReadConvertedAndSortedById) {
-  std::vector<uint8_t> px(240 * 2 * 4, 0);  // red opaque row over a transparent one
-  for (int i = 0; i < 240; ++i) px[i * 4] = 0xF0, px[i * 4 + 3] = 255;
+  VContent red;
+  red.AddFrame("", 240, 2, true, false, 0xF0, 0, 0, 255);
   const std::string png = dir_.str() + "lid.png";
-  ASSERT_TRUE(VContent::writePng(png, 240, 2, px.data(), true));
+  ASSERT_TRUE(VContent::writePng(png, 240, 2, red.frames[0].data(), true));
   const std::string path = dir_.write("eyelid.xml", R"(<List><Images>
   <Data name="two" id="2" path=")" + png + R"(" r="255" g="15" b="-17" a="300"/>
   <Data name="zero" id="0" path=")" + png + R"("/></Images><Animations>
@@ -131,50 +131,38 @@ TEST_F(Catalogue, EyelidsAreReadConvertedAndSortedById) {
   EXPECT_EQ(out.name, "big");
 }
 
-std::string event(const std::string& x, const std::string& timeMs = "40",
-                  const std::string& wait = "0", const std::string& tag = "Event") {
-  return "<" + tag + " X=\"" + x + "\" Y=\"2\" TimeMs=\"" + timeMs + "\" Wait=\"" + wait +
-         "\" ScaleX=\"1.5\" ScaleY=\"0.25\" LidTopY=\"010\" LidBotY=\"0x1E\" TopLidIndex=\"2\""
-         " BotLidIndex=\"3\" RotateAngle=\"-90\" Ellipse_H=\"40\"/>";
-}
-
-// Sides named "Left" and "Right" exactly; every element after the first event is one;
-// categories by their short names only; absent numbers read as 0.
+// Sides named "Left" and "Right" exactly, a second one of a name appends; categories by
+// their short names only; times rounded to whole frames (2.5 up); lid lines in octal and
+// hexadecimal; absent numbers read as 0.
 TEST_F(Catalogue, AnimationsFillTheirTracksInOrder) {
-  const std::string path = dir_.write(
-      "anim.xml",
-      "<List><Animation Id=\"0x10\" Name=\"look\" Categories=\"HAPPINESS, IDLE,"
-      "anger,EYEANIMATION_ANGER,MISC,CONFUSION\"><AnimationSide Side=\"Right\">" +
-          event("1", "100", "1000") + "<!-- skipped -->" + event("3", "0", "60", "Step") +
-          "</AnimationSide><AnimationSide Side=\"Left\">" + event("5") +
-          "</AnimationSide><Side Side=\"Left\">" + event("6") +
-          "</Side><AnimationSide Side=\"left\">" + event("7") +
-          "</AnimationSide></Animation><Animation Id=\"010\" Name=\"bare\" "
-          "Categories=\"\"/><Thing Name=\"odd\" Categories=\"ANGER\"><AnimationSide "
-          "Side=\"Right\"><Event X=\"7\"/></AnimationSide></Thing></List>");
+  const std::string path = dir_.write("anim.xml", R"(<List><Animation Id="0x10" Name="look"
+Categories="HAPPINESS, IDLE,anger,EYEANIMATION_ANGER,MISC"><AnimationSide Side="Right">
+<Event X="1" Y="2" TimeMs="100" Wait="1000" ScaleX="1.5" ScaleY="0.25" LidTopY="010"
+LidBotY="0x1E" TopLidIndex="2" BotLidIndex="3" RotateAngle="-90" Ellipse_H="40"/>
+<Event X="3" TimeMs="0" Wait="60"/></AnimationSide><AnimationSide Side="Left"><Event X="5"/>
+</AnimationSide><AnimationSide Side="left"><Event X="6"/></AnimationSide><AnimationSide
+Side="Left"><Event X="7"/></AnimationSide></Animation><Animation Id="010" Name="" Categories=""/>
+</List>)");
   const auto animations = LoadEyeAnimations::get_Animations(path.c_str());
   EXPECT_EQ(log_.errors(), Strings{"Loading eyeside xml parse error!"});
-  ASSERT_EQ(animations.size(), 3u);
-  const EyeAnimation &a = *animations[0], &bare = *animations[1], &odd = *animations[2];
+  ASSERT_EQ(animations.size(), 2u);
+  const EyeAnimation &a = *animations[0], &bare = *animations[1];
   EXPECT_EQ(a.categories, (std::vector<EyeAnimationCategory>{
                               EYEANIMATION_HAPPINESS, EYEANIMATION_NONE, EYEANIMATION_NONE,
-                              EYEANIMATION_NONE, EYEANIMATION_MISC, EYEANIMATION_CONFUSION}));
+                              EYEANIMATION_NONE, EYEANIMATION_MISC}));
   EXPECT_EQ(a.state.load(), AnimationState::IDLE);
-  ASSERT_EQ(a.right.events.size() + a.left.events.size(), 4u);  // a second Left side appends
-  // Times rounded to whole frames (2.5 up), lid lines in octal and hexadecimal.
-  const moveEvent &e = a.right.events[0], &step = a.right.events[1],
-                  &seven = odd.right.events.at(0);
+  ASSERT_EQ(a.right.events.size() + a.left.events.size(), 4u);
+  const moveEvent &e = a.right.events[0], &step = a.right.events.at(1);
   EXPECT_EQ((Ints{e.x, e.y, e.move_ms, e.wait_ms, e.lid_top_y, e.lid_bot_y, e.top_lid_index,
                   e.bot_lid_index, e.rotate_angle, e.ellipse_h, e.frame_ms}),
             (Ints{1, 2, 120, 1000, 8, 30, 2, 3, -90, 40, 40}));
   EXPECT_EQ(std::make_pair(e.scale_x, e.scale_y), std::make_pair(1.5f, 0.25f));
   EXPECT_EQ(e.iris_name, nullptr);
-  EXPECT_EQ((Ints{step.x, step.move_ms, step.wait_ms, a.left.events[0].x, a.left.events.at(1).x}),
-            (Ints{3, 0, 80, 5, 6}));
-  EXPECT_EQ((Ints{a.id, bare.id, static_cast<int>(bare.categories.size()), odd.id, seven.x, seven.y,
-                  seven.move_ms, seven.ellipse_h}),
-            (Ints{16, 8, 0, 0, 7, 0, 0, 0}));
-  EXPECT_EQ(odd.categories, std::vector<EyeAnimationCategory>{EYEANIMATION_ANGER});
+  EXPECT_EQ((Ints{step.x, step.y, step.move_ms, step.wait_ms, step.rotate_angle, step.ellipse_h}),
+            (Ints{3, 0, 0, 80, 0, 0}));
+  EXPECT_EQ(step.scale_x, 0.0f);
+  EXPECT_EQ((Ints{a.left.events[0].x, a.left.events.at(1).x, a.id, bare.id}), (Ints{5, 7, 16, 8}));
+  EXPECT_TRUE(bare.categories.empty() && bare.left.events.empty());
 }
 
 }  // namespace
