@@ -3,6 +3,7 @@
 // entries come out.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -13,6 +14,7 @@
 #include "EyeTestSupport.h"
 #include "Helper.h"
 #include "LoadEyeAnimations.h"
+#include "catalogue/CatalogueRules.h"
 
 namespace {
 
@@ -163,6 +165,21 @@ Side="Left"><Event X="7"/></AnimationSide></Animation><Animation Id="010" Name="
   EXPECT_EQ(step.scale_x, 0.0f);
   EXPECT_EQ((Ints{a.left.events[0].x, a.left.events.at(1).x, a.id, bare.id}), (Ints{5, 7, 16, 8}));
   EXPECT_TRUE(bare.categories.empty() && bare.left.events.empty());
+}
+
+// What the studio writes and lint reports must read back as the same value.
+TEST(CatalogueRules, WrittenValuesReadBackAsTheyWere) {
+  using namespace catalogue;
+  for (float v : {0.1f, 1.35f, -2.5f, 0.001f, 123456.7f, 555.0f})
+    EXPECT_EQ(static_cast<float>(std::strtod(formatDecimal(v).c_str(), nullptr)), v) << v;
+  for (long v : {0L, -90L, 32767L, -32768L})
+    EXPECT_EQ(readBase0(formatInteger(v).c_str(), 16, true).stored, v) << v;
+  const Base0Reading octal = readBase0("010", 16, true);
+  EXPECT_TRUE(octal.octal && octal.fits && octal.stored == 8);
+  const std::vector<EyeAnimationCategory> categories = {EYEANIMATION_HURT, EYEANIMATION_MISC};
+  EXPECT_EQ(
+      LoadEyeAnimations::getEyeAnimationCategories(splitCategories(joinCategories(categories))),
+      categories);
 }
 
 }  // namespace
