@@ -3,12 +3,16 @@
 // entries come out.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Color.h"
 #include "EyeControl.h"
 #include "EyeControlReset.h"
 #include "EyeTestSupport.h"
@@ -165,6 +169,47 @@ Side="Left"><Event X="7"/></AnimationSide></Animation><Animation Id="010" Name="
   EXPECT_EQ(step.scale_x, 0.0f);
   EXPECT_EQ((Ints{a.left.events[0].x, a.left.events.at(1).x, a.id, bare.id}), (Ints{5, 7, 16, 8}));
   EXPECT_TRUE(bare.categories.empty() && bare.left.events.empty());
+}
+
+// The bundled set as drawn: irises clear at the corners and solid in the middle, one
+// classic iris per colour name, and every lid's edge row opaque in its fill colour so
+// that no seam shows where the fill takes over; somewhere each lid is clear.
+TEST_F(Catalogue, BundledIrisesAndLidsAreDrawnToJoin) {
+  if (!std::filesystem::exists(EYE_ASSETS_DIR "/iris_type.xml")) GTEST_SKIP() << "not built";
+  ASSERT_EQ(EyeControl::loadEyeFilesFrom(EYE_ASSETS_DIR), 0);
+  const auto pixel = [](const VContent& image, int x, int y) {
+    return &image.frames.at(0).at((size_t(y) * image.width + x) * 4);
+  };
+  std::multiset<std::string> classic;
+  for (const IrisType& group : EyeControl::iris_types)
+    for (const Iris& iris : group.irises) {
+      if (group.shape == IrisShape::CLASSIC) classic.insert(iris.style);
+      EyePart part;
+      ASSERT_EQ(EyeControl::getIris(group.shape, iris.style, part), 0);
+      const VContent& image = part.left;
+      const int w = image.width, h = image.height;
+      EXPECT_TRUE(pixel(image, 0, 0)[3] == 0 && pixel(image, w - 1, h - 1)[3] == 0 &&
+                  pixel(image, w / 2, h / 2)[3] == 255)
+          << iris.left;
+    }
+  EXPECT_EQ(classic.size(), size_t(ColorCode::COUNT));
+  for (int c = 0; c < int(ColorCode::COUNT); ++c)
+    EXPECT_EQ(classic.count(Color::getColorName(ColorCode(c))), 1u) << c;
+  for (const EyeLidPart& lid : EyeControl::lid_images) {
+    const VContent& image = lid.content;
+    if (image.frames.empty()) continue;  // a sequence, loaded when first shown
+    const auto rowIs = [&](int y, auto wanted) {
+      for (int x = 0; x < 240; ++x)
+        if (!wanted(pixel(image, x, y))) return false;
+      return true;
+    };
+    const auto skin = [&](const uint8_t* p) { return std::equal(p, p + 4, lid.color); };
+    EXPECT_TRUE(lid.color[3] == 255 && (rowIs(0, skin) || rowIs(image.height - 1, skin)));
+    bool clear = false;
+    for (int y = 0; y < image.height; ++y)
+      clear = clear || !rowIs(y, [](const uint8_t* p) { return p[3] != 0; });
+    EXPECT_TRUE(clear) << lid.name;
+  }
 }
 
 // What the studio writes and lint reports must read back as the same value.
