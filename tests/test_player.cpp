@@ -160,6 +160,7 @@ TEST_F(PlayerTest, LidSequenceSwitchesOnceAndTicksByItsRatio) {
   // Two keyframes on the same lid sequence, four and five frames long, after two whose
   // lid indexes are outside the catalogue and keep the lid. Only lid frames change.
   EyeSideAnimation track;
+  EXPECT_EQ(left.setAnimationFrame(&track, left.iris, left.background), 2);  // no events: ended
   track.events = {key(100, 140, 0, 2), key(100, 140, 0, -1), key(100, 140, 160, 1, 0),
                   key(100, 140, 200, 1, 0)};
   std::vector<int> shown, drawn;
