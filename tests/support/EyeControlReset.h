@@ -14,10 +14,8 @@ namespace eyetest {
 inline void resetEyeControl() {
   // Only the eye kinds ever finish; a worker of any other kind has already returned
   // with the flag left set, and waiting for it would never end.
-  if (EyeControl::is_processing) {
-    const uint8_t type = EyeControl::active_type;
-    if (type >= BLOCK_EYE_ANIMATION && type <= BLOCK_EYE_BACKGROUND) EyeControl::Abort();
-  }
+  const uint8_t type = EyeControl::active_type;
+  if (type >= BLOCK_EYE_ANIMATION && type <= BLOCK_EYE_BACKGROUND) EyeControl::Abort();
   EyeControl::is_active = false;
   EyeControl::is_processing = false;
   EyeControl::active_type = BLOCK_EYE_POSITION;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -18,6 +17,16 @@
 namespace eyetest {
 
 using namespace std::chrono_literals;
+
+inline bool waitUntil(const std::function<bool()>& condition,
+                      std::chrono::milliseconds limit = 5000ms) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
 
 class Recorder : public EyeEventListener {
  public:
@@ -37,34 +46,17 @@ class Recorder : public EyeEventListener {
     return events_;
   }
   bool waitForCount(size_t n, std::chrono::milliseconds limit = 5000ms) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return events_.size() >= n; });
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.clear();
+    return waitUntil([&] { return events().size() >= n; }, limit);
   }
 
  private:
   void add(Event e) {
     std::lock_guard<std::mutex> lock(mutex_);
     events_.push_back(e);
-    changed_.notify_all();
   }
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::vector<Event> events_;
 };
-
-inline bool waitUntil(const std::function<bool()>& condition,
-                      std::chrono::milliseconds limit = 5000ms) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 // Never leaves a worker behind for the next test, nor hangs on one that cannot end.
 inline void stopWorker() {
@@ -89,11 +81,9 @@ inline void wireEye(Eyes& eye, short x, short y, float scale = 1.0f, short topLi
   eye.topLidColor = eye.bottomLidColor = EyeControl::lid_images[0].color;
   eye.offsetX = eye.offsetY = 0;
   eye.irisSeq = eye.topLidSeq = eye.bottomLidSeq = eye.backgroundSeq = SequenceState{};
-  eye.irisX = x;
-  eye.irisY = y;
+  eye.irisX = x, eye.irisY = y;
   eye.scaleX = eye.scaleY = scale;
-  eye.topLidY = topLidY;
-  eye.bottomLidY = bottomLidY;
+  eye.topLidY = topLidY, eye.bottomLidY = bottomLidY;
   eye.topLidIndex = eye.bottomLidIndex = 0;
 }
 
