@@ -187,8 +187,16 @@ TEST(IdleMotionTest, RunsStayInRangeFollowTheIntervalsAndResumeWhereTheEyesWereL
     closes += step.blinkAtMs >= 0;
   }
   EXPECT_GT(closes, 2);
-  settings.blinkMinIntervalMs = 7000;
-  EXPECT_TRUE(!settings.valid() && EyeIdle::start(settings) == -1 && !EyeIdle::isRunning());
+  // Settings that cannot be played, one fault each: none is valid and none starts.
+  using Break = void (*)(IdleSettings&);
+  for (Break broken : {+[](IdleSettings& s) { s.blinkMinIntervalMs = 7000; },
+                       +[](IdleSettings& s) { s.blinkClosedMs = 10001; },  // a keyframe's limit
+                       +[](IdleSettings& s) { s.closedTopLidY = 241; },
+                       +[](IdleSettings& s) { s.driftMs = 79; }}) {  // under two frames
+    settings = IdleSettings{};
+    broken(settings);
+    EXPECT_TRUE(!settings.valid() && EyeIdle::start(settings) == -1 && !EyeIdle::isRunning());
+  }
 }
 
 // The runner, with a clock that moves only when the test says so.
